@@ -1,0 +1,42 @@
+#pragma once
+
+#include "nuv.h"
+
+#include <cstdint>
+
+namespace Nuv::Utils {
+
+/// The appliance's kernel module behind "/dev/nuvmodcap": per-thread capabilities, processor masks
+/// and a millisecond clock. The one place that knows its requests.
+///
+/// Two faces: the real device, opened read-only during library start-up and kept open until exit,
+/// and a substitute that tests plug in. On a machine without the module isOpen() is false and every
+/// request fails; callers then take their path for a capability that could not be raised.
+///
+/// Threads: any; requests act on the calling thread.
+class NUV_API CapabilityDevice
+{
+public:
+    virtual ~CapabilityDevice();
+
+    virtual bool isOpen() const = 0;
+    /// Reads the calling thread's capability set: bit n is capability n. @return success
+    virtual bool readCapabilities( std::uint32_t* maskPtr ) = 0;
+    /// Sets the calling thread's effective and permitted set. @return success
+    virtual bool setCapabilities( std::uint32_t mask ) = 0;
+    /// @return success; *msPtr then holds the device's millisecond clock
+    virtual bool readClockMs( std::uint32_t* msPtr ) = 0;
+    /// Sets the calling thread's processor mask. @return success; false without the device
+    virtual bool setAffinity( std::uint32_t mask ) = 0;
+
+    /// The device in force: the substitute if one is plugged in, else the real one.
+    static CapabilityDevice& instance();
+    /// For tests. @param substitutePtr borrowed until the next call; null takes it out again
+    static void substitute( CapabilityDevice* substitutePtr );
+};
+
+/// Bit masks of the capabilities that the library raises.
+inline constexpr std::uint32_t capSysAdminMask = 0x200000; ///< 21, system administration
+inline constexpr std::uint32_t capSysNiceMask = 0x800000;  ///< 23, scheduling priority
+
+} // namespace Nuv::Utils
