@@ -1,0 +1,93 @@
+#include "nuvTestSupport.h"
+
+#include <csignal>
+#include <sys/shm.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace NuvTest;
+
+class Isolation : public RootFixture
+{
+};
+
+// An outer instance of this program's launcher, with a shell command for a test.
+Outcome isolated( const std::string& command )
+{
+    const std::string launcher = program( "../isolated" );
+    return runProgram( launcher, { { "/bin/sh", "-c", command }, {} } );
+}
+
+} // namespace
+
+TEST_F( Isolation, ProgramsOfBothWidthsExecuteEachOtherOnOneRoot )
+{
+    const std::string narrow = program( "widthProbe", 32 );
+    const std::string wide = program( "widthProbe", 64 );
+    NUV_SKIP_WITHOUT( narrow );
+    NUV_SKIP_WITHOUT( wide );
+    const Outcome outcome = runProgram( wide, { { narrow, wide, narrow }, {} } );
+    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+    EXPECT_EQ( outcome.output, "64 " + root() + "\n32 " + root() + "\n64 " + root() + "\n32 " +
+                                   root() + "\n" );
+}
+
+TEST_F( Isolation, RootIsFreshAndGoneAfterwards )
+{
+    const Outcome outcome = isolated( "ls -A; touch left; echo $HOME" );
+    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+    ASSERT_EQ( outcome.output.compare( 0, 1, "/" ), 0 ) << "the root was not empty";
+    const std::string other = outcome.output.substr( 0, outcome.output.size() - 1 );
+    EXPECT_NE( other, root() );
+    EXPECT_NE( ::access( other.c_str(), F_OK ), 0 );
+}
+
+TEST_F( Isolation, LeftoversFailAPassingTest )
+{
+    const struct
+    {
+        const char* commandPtr;
+        const char* messagePtr; // null: nothing may be found
+        int status;
+    } cases[] = {
+        { "true", nullptr, 0 },
+        { "exit 3", nullptr, 3 },
+        { "ipcmk -S 1", nullptr, 0 }, // the set that guards a root folder stays by contract
+        { "ipcmk -S 2", "System V sem", 99 },
+        { "ipcmk -M 10", "System V shm", 99 },
+        { "ipcmk -Q", "System V msg", 99 },
+        { "sleep 1000 & exit 0", "sleep 1000", 99 },
+        { "ipcmk -M 10; exit 3", "System V shm", 3 },
+    };
+    for ( const auto& row : cases ) {
+        SCOPED_TRACE( row.commandPtr );
+        const Outcome outcome = isolated( row.commandPtr );
+        EXPECT_EQ( outcome.exitStatus(), row.status );
+        if ( row.messagePtr == nullptr )
+            EXPECT_EQ( outcome.errors, "" );
+        else
+            EXPECT_NE( outcome.errors.find( row.messagePtr ), std::string::npos );
+    }
+}
+
+TEST_F( Isolation, ChildrenAreCollectedByStatusSignalTextAndTimeout )
+{
+    const Outcome failed = runInChild( [] { throw std::runtime_error( "out of order" ); } );
+    EXPECT_EQ( failed.exitStatus(), 2 );
+    EXPECT_EQ( failed.errors, "exception: out of order\n" );
+
+    EXPECT_EQ( runInChild( [] { ::raise( SIGTERM ); } ).signal(), SIGTERM );
+    EXPECT_EQ( runProgram( root( "missing" ) ).exitStatus(), 127 );
+
+    const Outcome late = runInChild( [] { ::pause(); }, std::chrono::milliseconds( 20 ) );
+    EXPECT_TRUE( late.isTimedOut );
+    EXPECT_EQ( late.exitStatus(), -1 );
+
+    ChildProcess cat( "/bin/cat" );
+    cat.writeInput( "one\ntwo\n" );
+    EXPECT_EQ( cat.readLine(), "one" );
+    EXPECT_EQ( cat.readLine(), "two" );
+    cat.closeInput();
+    EXPECT_EQ( cat.wait().exitStatus(), 0 );
+}
