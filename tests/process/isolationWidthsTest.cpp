@@ -29,8 +29,8 @@ TEST_F( Isolation, ProgramsOfBothWidthsExecuteEachOtherOnOneRoot )
     NUV_SKIP_WITHOUT( wide );
     const Outcome outcome = runProgram( wide, { { narrow, wide, narrow }, {} } );
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-    EXPECT_EQ( outcome.output, "64 " + root() + "\n32 " + root() + "\n64 " + root() + "\n32 " +
-                                   root() + "\n" );
+    EXPECT_EQ( outcome.output,
+               "64 " + root() + "\n32 " + root() + "\n64 " + root() + "\n32 " + root() + "\n" );
 }
 
 TEST_F( Isolation, RootIsFreshAndGoneAfterwards )

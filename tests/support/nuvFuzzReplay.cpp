@@ -1,5 +1,5 @@
-// main() of a fuzz target outside the fuzz build: feeds it each file of the corpus folder, whole, cut
-// at every length (of the first 512 bytes) and with single bytes changed.
+// main() of a fuzz target outside the fuzz build: feeds it each file of the corpus folder, whole,
+// cut at every length (of the first 512 bytes) and with single bytes changed.
 
 #include <cstdint>
 #include <cstdio>

@@ -9,8 +9,8 @@
 // ctest's word for "skipped", returned when not one of the chosen tests could run here.
 static constexpr int skippedStatus = 77;
 
-// A test program started by hand goes through the build's "isolated" as ctest's do, lest it works on
-// the user's own home. (For a debugger: set NUV_ISOLATED=1 and HOME yourself.)
+// A test program started by hand goes through the build's "isolated" as ctest's do, lest it works
+// on the user's own home. (For a debugger: set NUV_ISOLATED=1 and HOME yourself.)
 static void enterIsolation( char** argv )
 {
     const std::filesystem::path programPath = std::filesystem::read_symlink( "/proc/self/exe" );

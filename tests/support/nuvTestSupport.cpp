@@ -56,8 +56,7 @@ void drain( int* fdPtr, std::string* textPtr )
     try {
         body();
         status = ::testing::Test::HasFailure() ? 1 : 0;
-    }
-    catch ( const std::exception& exception ) {
+    } catch ( const std::exception& exception ) {
         std::cerr << "exception: " << exception.what() << std::endl;
         status = 2;
     }
@@ -154,7 +153,10 @@ int Outcome::exitStatus() const
     return !isTimedOut && WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
 }
 
-int Outcome::signal() const { return WIFSIGNALED( status ) ? WTERMSIG( status ) : 0; }
+int Outcome::signal() const
+{
+    return WIFSIGNALED( status ) ? WTERMSIG( status ) : 0;
+}
 
 ChildProcess::ChildProcess( const std::function< void() >& body )
 {
@@ -215,7 +217,10 @@ void ChildProcess::writeInput( const std::string& bytes )
                static_cast< ssize_t >( bytes.size() ) );
 }
 
-void ChildProcess::closeInput() { closeDescriptor( &myInput ); }
+void ChildProcess::closeInput()
+{
+    closeDescriptor( &myInput );
+}
 
 void ChildProcess::kill( int signalNbr )
 {
@@ -253,8 +258,8 @@ std::string ChildProcess::readLine( std::chrono::milliseconds timeout )
     }
 }
 
-// The streams may stay open in a grandchild after the child's end, and be closed long before it: both
-// are watched, the child every few milliseconds.
+// The streams may stay open in a grandchild after the child's end, and be closed long before it:
+// both are watched, the child every few milliseconds.
 Outcome ChildProcess::wait( std::chrono::milliseconds timeout )
 {
     const Clock::time_point end = Clock::now() + timeout;
@@ -265,8 +270,7 @@ Outcome ChildProcess::wait( std::chrono::milliseconds timeout )
             myOutcome.isTimedOut = true;
             ::kill( myPid, SIGKILL );
             ::waitpid( myPid, &myOutcome.status, 0 );
-        }
-        else if ( ended == 0 ) {
+        } else if ( ended == 0 ) {
             myOutcome.status = -1;
         }
     }
@@ -305,7 +309,10 @@ std::string program( const std::string& name, int width )
     return std::filesystem::exists( folder / name ) ? ( folder / name ).string() : "";
 }
 
-std::string tool( const std::string& name ) { return ( buildFolder() / "bin" / name ).string(); }
+std::string tool( const std::string& name )
+{
+    return ( buildFolder() / "bin" / name ).string();
+}
 
 void Fault::arm( int n, int errorNbr, Kind kind )
 {
@@ -316,7 +323,10 @@ void Fault::arm( int n, int errorNbr, Kind kind )
     myIsArmed = true;
 }
 
-void Fault::disarm() { myIsArmed = false; }
+void Fault::disarm()
+{
+    myIsArmed = false;
+}
 
 bool Fault::strikes() noexcept
 {

@@ -156,7 +156,11 @@ std::string tool( const std::string& name );
 class Fault
 {
 public:
-    enum Kind { once, forGood };
+    enum Kind
+    {
+        once,
+        forGood
+    };
 
     /// The n-th call from now on (counted from 1) fails with errno set to errorNbr.
     void arm( int n, int errorNbr, Kind kind = once );
