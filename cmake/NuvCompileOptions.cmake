@@ -2,7 +2,8 @@
 
 # The position of an assertion is printed with the bare name of its file. ccache hands the compiler
 # paths relative to the build folder; without it they are absolute.
-file( RELATIVE_PATH relativeSource ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR} )
+cmake_path( RELATIVE_PATH CMAKE_SOURCE_DIR BASE_DIRECTORY ${CMAKE_BINARY_DIR}
+            OUTPUT_VARIABLE relativeSource )
 foreach( folder IN ITEMS lib/core tests/unit tests/process tests/peers tests/fuzz tests/support )
     if( NUV_CCACHE )
         add_compile_options( -fmacro-prefix-map=${relativeSource}/${folder}/= )
