@@ -5,7 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <pthread.h>
+#include <string>
 
 namespace Nuv::Utils {
 template < class T >
@@ -84,24 +87,28 @@ struct Zone
     void flags( std::uint32_t value ) { __atomic_store_n( &myFlags, value, __ATOMIC_RELAXED ); }
 };
 static_assert( sizeof( Zone ) == 40 );
+static_assert( offsetof( Zone, myName ) == 8 && offsetof( Zone, myDrainName ) == 24 );
 
 class Drain;
 
 /// Where messages come from: one severity, bound to a zone and the zone's drain.
 ///
-/// | state   | zone                      | drain | emits                               |
-/// |---------|---------------------------|-------|-------------------------------------|
-/// | unbound | placeholder, threshold 6  | null  | nothing                             |
-/// | bound   | record in the shared table| set   | severity >= the zone's threshold    |
+/// | state   | zone                       | drain | emits                            |
+/// |---------|----------------------------|-------|----------------------------------|
+/// | unbound | placeholder, threshold 6   | null  | nothing                          |
+/// | bound   | record in the shared table | set   | severity >= the zone's threshold |
 ///
 /// A source is bound by its constructor, except while the log configuration manager is being
 /// built: then it is bound, by its address, right after that, in the order of creation. A source
-/// of severity fatal is bound to the zone "Syslog", whatever zone it names.
+/// of severity fatal is bound to the zone "Syslog", whatever zone it names. A source that outlives
+/// the manager (at process exit) is unbound again.
 ///
-/// Threads: any may log through a bound source; construction of sources during start-up is meant
-///          for one thread.
-/// Errors:  logging reports no error; a message that cannot be written is lost.
+/// Threads: any may log through a source; init() belongs to the thread that made it.
+/// Errors:  logging reports no error, a message that cannot be written is lost. The first binding
+///          of a process builds the manager, whose ResourceException passes on to whoever
+///          constructs the source.
 /// Owns:    one reference to its drain, given back by the destructor.
+/// Cost:    the emission test is inline: severity, zone, threshold, one compare.
 /// Example: Log::Source source( Log::warning, "myZone" ); nuvLogTo( source ) << "low " << n;
 class NUV_API Source
 {
@@ -109,44 +116,55 @@ public:
     /// @param zoneNamePtr cut to 15 characters; null means "Nuv"
     Source( Severity severity, const char* zoneNamePtr );
     /// Unbound, severity debug; for init() later.
-    Source();
+    Source() = default;
     Source( const Source& ) = delete;
     Source& operator=( const Source& ) = delete;
     ~Source();
 
+    /// Binds an unbound source; one that is bound stays as it is.
+    /// @param zoneNamePtr not null
     void init( const char* zoneNamePtr );
 
-    void severity( Severity severity ) { mySeverity = severity; }
+    /// To be set before init(), since severity fatal decides the zone.
+    void severity( Severity severity ) { mySeverity.store( severity, std::memory_order_relaxed ); }
 
     /// Writes a hexadecimal dump of the bytes as one message, 16 bytes a row.
-    /// @param titlePtr first line of the dump; null leaves it empty
+    /// @param titlePtr first line of the dump; null leaves that line empty
     void dump( const void* dataPtr, unsigned int length, const char* titlePtr ) const;
 
-    Severity severity() const { return mySeverity; }
-    /// The emission test: two loads and a compare.
-    bool mayEmit() const { return mySeverity >= myZonePtr->severity(); }
-    const Zone& zone() const { return *myZonePtr; }
+    Severity severity() const { return mySeverity.load( std::memory_order_relaxed ); }
+    /// The emission test.
+    bool mayEmit() const { return severity() >= zone().severity(); }
+    const Zone& zone() const { return *myZonePtr.load( std::memory_order_acquire ); }
     /// Null while unbound.
-    Drain* drainPtr() const { return myDrainPtr; }
+    Drain* drainPtr() const { return myDrainPtr.load( std::memory_order_relaxed ); }
 
 private:
-    // Link seam: binding is defined in nuvLogConfigManager.cpp, which owns zones and drains.
+    // Link seam: init(), initImpl(), unbind() and the destructor are defined in
+    // nuvLogConfigManager.cpp, whose unit owns zones and drains.
     void initImpl( const char* zoneNamePtr );
-    friend class SourceBinding;
+    void unbind();
+    friend class ConfigManager;
 
     static Zone ourPlaceholderZone;
 
-    Zone* myZonePtr;
-    Drain* myDrainPtr;
-    Severity mySeverity;
+    // The drain is stored before the zone, so that who finds a zone that lets a message pass finds
+    // the drain too.
+    std::atomic< Zone* > myZonePtr = &ourPlaceholderZone;
+    std::atomic< Drain* > myDrainPtr = nullptr;
+    std::atomic< Severity > mySeverity = debug;
 };
 
 enum Preference { includeDebug = 0, excludeDebug = 1 };
 
 /// Five sources of one zone, one for each severity.
+///
+/// Threads, Errors: as Source.
+/// Example: Log::SourceSet sources( "myZone" ); nuvLogTo( sources.source( Log::error ) ) << "no";
 class NUV_API SourceSet
 {
 public:
+    /// @param zoneNamePtr cut to 15 characters, not null
     explicit SourceSet( const char* zoneNamePtr );
 
     /// Any value but includeDebug switches the debug source off.
@@ -154,42 +172,86 @@ public:
     Preference preference() const;
 
     /// @param severity 1 to 5, the caller's duty
-    Source& source( Severity severity ) { return mySources[static_cast< std::size_t >( severity - 1 )]; }
-    const Source& source( Severity severity ) const
-    {
-        return mySources[static_cast< std::size_t >( severity - 1 )];
-    }
+    Source& source( Severity severity ) { return mySources[index( severity )]; }
+    const Source& source( Severity severity ) const { return mySources[index( severity )]; }
+
+protected:
+    /// The five severities, unbound.
+    SourceSet();
+    /// Binds those that are unbound.
+    void init( const char* zoneNamePtr );
 
 private:
+    static std::size_t index( Severity severity )
+    {
+        return static_cast< std::size_t >( severity - 1 );
+    }
+
     std::array< Source, nbrOfMessageSeverities > mySources;
 };
 
 /// The library's own sources, zone "Nuv"; made on first use, destroyed at exit.
+///
+/// Never throws: where the log configuration manager cannot be built (say, without access to the
+/// interprocess objects), or while it is being built, the sources are unbound, and binding is tried
+/// again by calls that are at least a second apart.
 /// @param severity 1 to 5, the caller's duty
 NUV_API Source& getStandardSource( Severity severity );
+
+/// Link seam, defined in nuvLogConfigManager.cpp: builds the manager unless it exists.
+/// @return false, with nothing done, while it is being built and after its end at exit
+/// @throws ResourceException what the manager's constructor throws
+bool ensureConfigManager();
+/// The other end, defined in nuvLog.cpp and called when a source has been bound: makes and binds
+/// the standard sources too, so that a failing assertion finds them ready.
+void bindStandardSources();
+
+/// Keeps the calling thread from being cancelled for a scope: neither a destructor nor a handler of
+/// all exceptions lets a cancellation's unwinding pass.
+class CancelShield
+{
+public:
+    CancelShield() { ::pthread_setcancelstate( PTHREAD_CANCEL_DISABLE, &myState ); }
+    CancelShield( const CancelShield& ) = delete;
+    CancelShield& operator=( const CancelShield& ) = delete;
+    ~CancelShield() { ::pthread_setcancelstate( myState, nullptr ); }
+
+private:
+    int myState;
+};
 
 /// One message under construction: writes the preamble, takes the text, hands the whole to the
 /// drain in its destructor. A helper made while another one of the same thread is alive discards
 /// its text, so that a drain's own failure cannot recurse.
+///
+/// The stream is the calling thread's, in its default format whatever the previous message set;
+/// it keeps its storage from message to message (up to 64 KiB), so that a message allocates
+/// nothing. A text may hold any bytes; nothing is added after it.
+///
+/// Threads: one; not shared.
+/// Errors:  throws nothing and preserves errno. An exception thrown by an operand of the statement
+///          passes; what was written until then is emitted.
 class NUV_API Helper
 {
 public:
-    /// @param source may emit (the statement has tested it); outlives the helper
-    explicit Helper( const Source& source );
+    /// @param source bound; may emit (the statement has tested it); outlives the helper
+    explicit Helper( const Source& source ) noexcept;
     Helper( const Helper& ) = delete;
     Helper& operator=( const Helper& ) = delete;
     ~Helper();
 
-    Utils::OBufferStream& logStream() { return myStream; }
+    Utils::OBufferStream& logStream() { return *myStreamPtr; }
 
 private:
-    // Link seam: defined in nuvLogDrain.cpp, which owns the line format.
+    // Link seam: these two are defined in nuvLogDrain.cpp, which owns the line format.
     void preamble();
     void emit();
 
     const Source& mySource;
-    Utils::OBufferStream myStream;
+    Utils::OBufferStream* myStreamPtr;
     bool myReentered;
+    // Used when the thread's own stream is taken, or gone because the thread is ending.
+    alignas( Utils::OBufferStream ) std::byte myStorage[sizeof( Utils::OBufferStream )];
 };
 
 } // namespace Nuv::Log
