@@ -1,0 +1,401 @@
+#include "nuvUtils.h"
+
+#include "nuvBuffer.h"
+#include "nuvString.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace Nuv::Utils {
+namespace {
+
+constexpr StaticMap< const char*, int >::Pair ourPairs[] = { { "b", 2 }, { "d", 4 }, { "dd", 44 } };
+constexpr StaticMap< const char*, int > ourMap( ourPairs );
+static_assert( ourMap.isSorted() && ourMap.find( "d" )->value == 4 );
+
+TEST( StaticMapFind, ReturnsTheEndForWhatIsMissing )
+{
+    for ( const char* keyPtr : { "", "a", "bb", "c", "ddd", "e", "\x80" } ) {
+        SCOPED_TRACE( keyPtr );
+        EXPECT_EQ( ourMap.end(), ourMap.find( keyPtr ) );
+        EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( keyPtr ) ) );
+    }
+    for ( const auto& pair : ourMap ) {
+        EXPECT_EQ( &pair, ourMap.find( std::string( pair.key ).c_str() ) );
+        EXPECT_EQ( &pair, ourMap.find( std::string( pair.key ) ) );
+    }
+    EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( "b\0", 2 ) ) );
+    const StaticMap< const char*, int > empty( ourPairs, ourPairs );
+    EXPECT_EQ( empty.end(), empty.find( "b" ) );
+}
+
+TEST( StaticMapFind, OrdersEnumerationsByValueAndSeesDisorder )
+{
+    enum Color
+    {
+        red = 1,
+        green = 2,
+        blue = 3
+    };
+    using Map = StaticMap< Color, const char* >;
+    constexpr Map::Pair pairs[] = { { red, "red" }, { blue, "blue" } };
+    EXPECT_STREQ( "blue", Map( pairs ).find( blue )->value );
+    EXPECT_EQ( pairs + 2, Map( pairs ).find( green ) );
+    constexpr Map::Pair twice[] = { { red, "red" }, { red, "again" } };
+    EXPECT_FALSE( Map( twice ).isSorted() );
+}
+
+// Counts its living instances.
+struct Counted
+{
+    explicit Counted( std::atomic< int >* nbrPtr )
+        : myNbrPtr( nbrPtr )
+    {
+        ++*myNbrPtr;
+    }
+    Counted( const Counted& ) = delete;
+    Counted& operator=( const Counted& ) = delete;
+    virtual ~Counted() { --*myNbrPtr; }
+
+    std::atomic< int >* myNbrPtr;
+    CountedPtr< Counted > myNextPtr;
+    int myValue = 0;
+};
+
+TEST( CountedPtrOwnership, LastOwnerDeletesTheObjectOnce )
+{
+    std::atomic< int > nbrAlive{ 0 };
+    CountedPtr< Counted > first( new Counted( &nbrAlive ) );
+    {
+        const CountedPtr< Counted > second( first );
+        CountedPtr< const Counted > third;
+        third = second;
+        EXPECT_EQ( 3, first.nbrOfOwners() );
+        EXPECT_EQ( second.get(), third.get() );
+    }
+    EXPECT_EQ( 1, first.nbrOfOwners() );
+    first.dispose();
+    EXPECT_EQ( 0, nbrAlive );
+    EXPECT_FALSE( first );
+    first.dispose();
+    EXPECT_EQ( 0, first.nbrOfOwners() );
+    EXPECT_THROW( *first, LogicException );
+    EXPECT_THROW( first->myValue = 1, LogicException );
+    EXPECT_EQ( 0, CountedPtr< int >( static_cast< int* >( nullptr ) ).nbrOfOwners() );
+}
+
+TEST( CountedPtrOwnership, AssignmentReleasesAndSharesInAnyOrder )
+{
+    std::atomic< int > nbrAlive{ 0 };
+    CountedPtr< Counted > listPtr( new Counted( &nbrAlive ) ), otherPtr( new Counted( &nbrAlive ) );
+    listPtr->myNextPtr = CountedPtr< Counted >( new Counted( &nbrAlive ) );
+    const Counted* const nextPtr = listPtr->myNextPtr.get();
+    listPtr = listPtr->myNextPtr; // the source dies with the object that is released
+    EXPECT_EQ( nextPtr, listPtr.get() );
+    EXPECT_EQ( 2, nbrAlive );
+    listPtr = listPtr.get(); // the object held
+    EXPECT_EQ( 1, listPtr.nbrOfOwners() );
+    const CountedPtr< Counted >& self = listPtr;
+    listPtr = self;
+    EXPECT_EQ( 1, listPtr.nbrOfOwners() );
+    listPtr = otherPtr;
+    EXPECT_EQ( 2, otherPtr.nbrOfOwners() );
+    listPtr = new Counted( &nbrAlive );
+    EXPECT_EQ( 1, otherPtr.nbrOfOwners() );
+    listPtr = std::move( otherPtr );
+    EXPECT_EQ( 1, nbrAlive );
+    EXPECT_EQ( 1, listPtr.nbrOfOwners() );
+}
+
+TEST( CountedPtrThreads, CopiesMayBeDroppedOnSeveralThreads )
+{
+    std::atomic< int > nbrAlive{ 0 };
+    for ( int round = 0; round < 200; ++round ) {
+        CountedPtr< Counted > ptr( new Counted( &nbrAlive ) );
+        std::vector< std::thread > threads;
+        for ( int i = 0; i < 3; ++i ) {
+            threads.emplace_back( [copy = ptr, i]() mutable {
+                for ( int n = 0; n < 50; ++n ) {
+                    CountedPtr< Counted > another( copy );
+                }
+                if ( i == 0 )
+                    copy->myValue = 1; // happens before the deletion, wherever that runs
+                copy.dispose();
+            } );
+        }
+        ptr.dispose();
+        for ( std::thread& thread : threads ) {
+            thread.join();
+        }
+        ASSERT_EQ( 0, nbrAlive );
+    }
+}
+
+TEST( PtrOwnership, StoringDeletesWhatWasHeld )
+{
+    std::atomic< int > nbrAlive{ 0 };
+    Ptr< Counted > ptr( new Counted( &nbrAlive ) );
+    ptr = new Counted( &nbrAlive );
+    EXPECT_EQ( 1, nbrAlive );
+    ptr.reset( ptr.get() );
+    EXPECT_EQ( 1, nbrAlive );
+    Ptr< Counted > other( std::move( ptr ) );
+    EXPECT_FALSE( ptr ); // NOLINT: moved-from is defined as null
+    EXPECT_THROW( *ptr, LogicException );
+    EXPECT_THROW( ptr->myValue = 1, LogicException );
+    delete other.release();
+    other.reset();
+    EXPECT_EQ( 0, nbrAlive );
+}
+
+bool isOpen( int fd )
+{
+    return ::fcntl( fd, F_GETFD ) != -1;
+}
+
+TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
+{
+    int fds[2];
+    ASSERT_EQ( 0, ::pipe( fds ) );
+    {
+        Handle reader( fds[0] );
+        Handle writer( fds[1] );
+        EXPECT_TRUE( reader.isValid() );
+        EXPECT_EQ( 1, ::write( writer, "x", 1 ) );
+        reader.reset( fds[0] ); // the same: stays open
+        EXPECT_TRUE( isOpen( fds[0] ) );
+        reader = std::move( writer );
+        EXPECT_FALSE( isOpen( fds[0] ) );
+        EXPECT_FALSE( writer.isValid() ); // NOLINT: moved-from is defined as invalid
+        EXPECT_EQ( fds[1], reader.fd() );
+        EXPECT_EQ( fds[1], reader.release() );
+    }
+    EXPECT_TRUE( isOpen( fds[1] ) );
+    {
+        const Handle writer( fds[1] );
+        errno = ENOSPC;
+    }
+    EXPECT_EQ( ENOSPC, errno );
+    EXPECT_FALSE( isOpen( fds[1] ) );
+    Handle closedByOthers( fds[1] );
+    errno = ENOSPC;
+    closedByOthers.reset();
+    EXPECT_EQ( ENOSPC, errno );
+    EXPECT_FALSE( Handle().isValid() );
+}
+
+TEST( RetryOnEintr, RepeatsInterruptedCallsAlone )
+{
+    int nbrOfCalls = 0;
+    EXPECT_EQ( 7, retryOnEintr( [&] {
+                   errno = EINTR;
+                   return ++nbrOfCalls < 3 ? -1 : 7;
+               } ) );
+    EXPECT_EQ( 3, nbrOfCalls );
+    EXPECT_EQ( -1, retryOnEintr( [&] {
+        errno = ++nbrOfCalls < 6 ? EINTR : EBADF;
+        return -1;
+    } ) );
+    EXPECT_EQ( 6, nbrOfCalls );
+    EXPECT_EQ( EBADF, errno );
+}
+
+template < class Text >
+class TokenScannerTest : public ::testing::Test
+{
+};
+using ScannedTexts = ::testing::Types< std::string, String, Buffer >;
+TYPED_TEST_SUITE( TokenScannerTest, ScannedTexts );
+
+TYPED_TEST( TokenScannerTest, ReturnsFieldsBetweenRunsOfDelimiters )
+{
+    TokenScanner< TypeParam > scanner( TypeParam( ",a;;bc=d" ) );
+    std::string token;
+    EXPECT_TRUE( scanner.next( &token, ",;" ) );
+    EXPECT_EQ( "a", token );
+    EXPECT_TRUE( scanner.next( nullptr, "=;" ) ); // skipped; the delimiters may change
+    EXPECT_TRUE( scanner.next( &token, "=" ) );
+    EXPECT_EQ( "d", token );
+    EXPECT_FALSE( scanner.next( &token, "=" ) );
+    EXPECT_EQ( "", token );
+    EXPECT_FALSE( scanner.next( nullptr, "" ) );
+    EXPECT_THROW( scanner.next( &token, nullptr ), LogicException );
+    TokenScanner< TypeParam > blank( TypeParam( ";;" ) );
+    EXPECT_FALSE( blank.next( &token, ";" ) );
+    EXPECT_FALSE( blank.next( &token, "" ) ); // the end was reached
+}
+
+struct Station : Subject< Station >
+{
+    void send( int news )
+    {
+        myNews = news;
+        notifyObservers( *this );
+    }
+    int myNews = 0;
+};
+
+struct Listener : Observer< Station >
+{
+    void update( Station& station ) override
+    {
+        mySum += station.myNews;
+        if ( myMisuse )
+            myMisuse( station );
+    }
+    int mySum = 0;
+    std::function< void( Station& ) > myMisuse;
+};
+
+TEST( SubjectObservers, AreToldWhileAttached )
+{
+    Station station;
+    Listener first, second;
+    station.send( 1 );
+    EXPECT_FALSE( station.hasObservers() );
+    station.attach( &first );
+    station.attach( &first );
+    station.attach( &second );
+    station.send( 2 );
+    station.detach( &second );
+    station.detach( &second );
+    station.send( 4 );
+    EXPECT_EQ( 6, first.mySum );
+    EXPECT_EQ( 2, second.mySum );
+    EXPECT_TRUE( station.hasObservers() );
+    EXPECT_THROW( station.attach( nullptr ), LogicException );
+}
+
+TEST( SubjectObservers, MayNotChangeTheSetFromWithinAnUpdate )
+{
+    Station station;
+    Listener listener;
+    station.attach( &listener );
+    listener.myMisuse = [&]( Station& subject ) { subject.attach( &listener ); };
+    EXPECT_THROW( station.send( 1 ), LogicException );
+    listener.myMisuse = [&]( Station& subject ) { subject.detach( &listener ); };
+    EXPECT_THROW( station.send( 1 ), LogicException );
+    station.detach( &listener ); // possible again after the round was cut short
+    EXPECT_FALSE( station.hasObservers() );
+}
+
+TEST( SubjectThreads, NoUpdateRunsAfterDetach )
+{
+    Station station;
+    std::atomic< bool > isDone{ false };
+    std::thread sender( [&] {
+        while ( !isDone ) {
+            station.send( 1 );
+        }
+    } );
+    for ( int round = 0; round < 500; ++round ) {
+        Listener listener; // touched by the sender without a lock of its own
+        station.attach( &listener );
+        station.detach( &listener );
+        EXPECT_GE( listener.mySum, 0 );
+    }
+    isDone = true;
+    sender.join();
+}
+
+TEST( CallbackFunctorCall, ReachesWhatItIsBoundTo )
+{
+    struct Backup
+    {
+        int run( Backup* argumentPtr ) { return argumentPtr == this ? ++myNbrOfRuns : -1; }
+        int myNbrOfRuns = 0;
+    } backup;
+    const CallbackFunctor< int, Backup* > member( &backup, &Backup::run );
+    EXPECT_EQ( 1, member( &backup ) );
+    EXPECT_EQ( 2, CallbackFunctor( member )( &backup ) );
+    const CallbackFunctor< int, Backup* > lambda( []( Backup* ptr ) { return ptr->myNbrOfRuns; } );
+    EXPECT_EQ( 2, lambda( &backup ) );
+    const CallbackFunctor< int, Backup* > unbound;
+    EXPECT_FALSE( unbound.isBound() );
+    EXPECT_THROW( unbound( &backup ), LogicException );
+}
+
+TEST( NumberParser, ReadsUnsignedAsTabled )
+{
+    const struct
+    {
+        const char* textPtr;
+        int base;
+        std::uint64_t value;
+        std::ptrdiff_t length; // of what is consumed
+        bool overflow;
+    } rows[] = {
+        { "0", 10, 0, 1, false },
+        { "  -1", 10, UINT64_MAX, 4, false },
+        { "\v\f+12x", 10, 12, 5, false },
+        { "18446744073709551615", 10, UINT64_MAX, 20, false },
+        { "18446744073709551616", 10, 0, 19, true },
+        { "99999999999999999999", 10, 7766279631452241919u, 19, true },
+        { "0x1f", 0, 31, 4, false },
+        { "0X1Fg", 0, 31, 4, false },
+        { "0x", 0, 0, 2, false },
+        { "017", 0, 15, 3, false },
+        { "08", 0, 0, 1, false },
+        { "0b1", 0, 0, 1, false },
+        { "-0x10", 0, UINT64_MAX - 15, 5, false },
+        { "0x1f", 16, 0, 1, false }, // an explicit base knows no prefix
+        { "z", 36, 35, 1, false },
+        { "1Z ", 36, 71, 2, false },
+        { "2", 2, 0, 0, false },
+        { "10000000000000000", 16, 0, 16, true },
+        { "10000000000000000000000000000000000000000000000000000000000000000", 2, 0, 64, true },
+        { "", 10, 0, 0, false },
+        { " +", 10, 0, 2, false },
+        { " -000x", 10, 0, 5, false },
+        { " 12", 1, 0, 0, false },
+        { " 12", 37, 0, 0, false },
+        { " 12", -1, 0, 0, false },
+    };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.textPtr );
+        char* endPtr = nullptr;
+        bool overflow = !row.overflow;
+        EXPECT_EQ( row.value, strtou64( row.textPtr, &endPtr, row.base, &overflow ) );
+        EXPECT_EQ( row.length, endPtr - row.textPtr );
+        EXPECT_EQ( row.overflow, overflow );
+        EXPECT_EQ( row.value, strtou64( row.textPtr, nullptr, row.base, nullptr ) );
+    }
+    EXPECT_THROW( strtou64( nullptr, nullptr, 10, nullptr ), LogicException );
+}
+
+TEST( NumberParser, SignedOverflowsWhereTheSignIsLost )
+{
+    const struct
+    {
+        const char* textPtr;
+        std::int64_t value;
+        bool overflow;
+    } rows[] = {
+        { "9223372036854775807", INT64_MAX, false },
+        { "9223372036854775808", INT64_MIN, true },
+        { "-9223372036854775808", INT64_MIN, false },
+        { " -9223372036854775809", INT64_MAX, true },
+        { "-0", 0, false },
+        { "18446744073709551615", -1, true },
+        { "18446744073709551616", 0, true },
+        { " +5", 5, false },
+    };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.textPtr );
+        char* endPtr = nullptr;
+        bool overflow = !row.overflow;
+        EXPECT_EQ( row.value, strtoi64( row.textPtr, &endPtr, 10, &overflow ) );
+        EXPECT_EQ( row.overflow, overflow );
+        EXPECT_EQ( row.value, strtoi64( row.textPtr, nullptr, 10, nullptr ) );
+    }
+}
+
+} // namespace
+} // namespace Nuv::Utils
