@@ -373,7 +373,7 @@ protected:
     /// @return -1, nothing having moved, unless 0 <= position <= size
     pos_type seekpos( pos_type position, std::ios_base::openmode mode ) override;
 
-private:
+    /// After a change of the content: reads on at this offset of it.
     void setGetArea( std::size_t offset );
 
     Buffer myBuffer;
