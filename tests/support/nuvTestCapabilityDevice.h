@@ -51,10 +51,10 @@ public:
     void setOpen( bool isOpen ) { locked( [&] { myIsOpen = isOpen; } ); }
     void setRefusing( bool isRefusing ) { locked( [&] { myIsRefusing = isRefusing; } ); }
     void setClockMs( std::uint32_t ms ) { locked( [&] { myClockMs = ms; } ); }
-    /// The set of the calling thread, as if it had been started with it.
+    /// Makes the calling thread a new one that was started with this set.
     void setOwnCapabilities( std::uint32_t mask )
     {
-        locked( [&] { myThreads[std::this_thread::get_id()].capabilities = mask; } );
+        locked( [&] { myThreads[std::this_thread::get_id()] = ThreadState{ mask }; } );
     }
 
     /// @return what the calling thread has now

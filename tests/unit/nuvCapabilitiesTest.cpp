@@ -1,0 +1,183 @@
+#include "nuvCapabilities.h"
+
+#include "nuvCapabilityDevice.h"
+#include "nuvTestCapabilityDevice.h"
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+std::atomic< uid_t > ourEuid = 4711;
+}
+extern "C" uid_t __wrap_geteuid() { return ourEuid; }
+
+namespace Nuv::Utils {
+namespace {
+
+constexpr std::uint32_t cap0 = 1u << 0;
+constexpr std::uint32_t cap21 = capSysAdminMask;
+constexpr std::uint32_t cap23 = capSysNiceMask;
+constexpr std::uint32_t cap31 = 1u << 31;
+
+class CapabilitiesCounting : public ::testing::Test
+{
+protected:
+    ~CapabilitiesCounting() override { ourEuid = 4711; }
+
+    // A thread that starts with these capabilities, and ends as library threads do.
+    void runThread( std::uint32_t capabilities, const std::function< void( Capabilities& ) >& body )
+    {
+        std::thread( [&] {
+            myDevice.setOwnCapabilities( capabilities );
+            body( *Capabilities::threadletonPtr() );
+            Mt::ThreadletonMgr::singletonPtr()->deleteThreadletons();
+        } ).join();
+    }
+
+    std::uint32_t own() const { return myDevice.own().capabilities; }
+    int nbrOfSets() const { return myDevice.own().nbrOfSets; }
+
+    NuvTest::CapabilityDeviceDouble myDevice;
+};
+
+TEST_F( CapabilitiesCounting, StaysRaisedUntilLoweredAsOften )
+{
+    runThread( 0, [this]( Capabilities& capabilities ) {
+        EXPECT_EQ( &capabilities, Capabilities::threadletonPtr() );
+        const struct
+        {
+            bool isApply;
+            std::uint32_t mask;
+            std::uint32_t after;
+        } steps[] = { { true, cap21, cap21 },
+                      { true, cap21 | cap31, cap21 | cap31 },
+                      { false, cap21, cap21 | cap31 },
+                      { true, cap0, cap0 | cap21 | cap31 },
+                      { false, cap21 | cap23, cap0 | cap31 },
+                      { false, cap21, cap0 | cap31 }, // not raised: no count below 0
+                      { true, cap21, cap0 | cap21 | cap31 },
+                      { false, 0xFFFFFFFF, 0 } };
+        for ( const auto& step : steps ) {
+            SCOPED_TRACE( &step - steps );
+            if ( step.isApply )
+                EXPECT_TRUE( capabilities.apply( step.mask ) );
+            else
+                capabilities.remove( step.mask );
+            EXPECT_EQ( own(), step.after );
+        }
+        EXPECT_EQ( nbrOfSets(), 8 );
+    } );
+}
+
+TEST_F( CapabilitiesCounting, CountsWhatTheThreadStartedWithOnce )
+{
+    runThread( cap0 | cap21, [this]( Capabilities& capabilities ) {
+        EXPECT_TRUE( capabilities.apply( cap21 | cap23 ) );
+        EXPECT_EQ( own(), cap0 | cap21 | cap23 );
+        capabilities.remove( cap21 );
+        EXPECT_EQ( own(), cap0 | cap21 | cap23 );
+        capabilities.remove( cap0 | cap21 );
+        EXPECT_EQ( own(), cap23 );
+        capabilities.newThread(); // starts anew from the thread's set
+        capabilities.remove( cap23 );
+        EXPECT_EQ( own(), 0u );
+    } );
+}
+
+TEST_F( CapabilitiesCounting, IsPerThread )
+{
+    runThread( 0, [this]( Capabilities& capabilities ) {
+        capabilities.apply( cap21 );
+        runThread( cap0, [&]( Capabilities& others ) {
+            EXPECT_NE( &others, &capabilities );
+            others.apply( cap23 );
+            EXPECT_EQ( own(), cap0 | cap23 );
+        } );
+        EXPECT_EQ( own(), cap21 );
+        EXPECT_EQ( nbrOfSets(), 1 );
+    } );
+}
+
+TEST_F( CapabilitiesCounting, SuperuserAndMissingDeviceAskForNothing )
+{
+    for ( const bool isOpen : { true, false } ) {
+        SCOPED_TRACE( isOpen );
+        myDevice.setOpen( isOpen );
+        ourEuid = isOpen ? 0 : 4711;
+        runThread( cap0, [&]( Capabilities& capabilities ) {
+            EXPECT_EQ( capabilities.apply( cap21 ), isOpen );
+            capabilities.remove( cap0 | cap21 );
+            EXPECT_EQ( nbrOfSets(), 0 );
+            // Nothing was counted: what is raised now alone is set, and dropped at once.
+            myDevice.setOpen( true );
+            ourEuid = 4711;
+            capabilities.apply( cap23 );
+            EXPECT_EQ( own(), cap23 );
+            capabilities.remove( cap23 );
+            EXPECT_EQ( own(), 0u );
+        } );
+    }
+}
+
+template < class Action >
+void expectStatusFailure( Action&& action )
+{
+    try {
+        action();
+        FAIL() << "no failure";
+    } catch ( const ResourceException& exception ) {
+        EXPECT_NE( std::strstr( exception.what(), "Condition failed: status == 0," ), nullptr );
+    }
+}
+
+TEST_F( CapabilitiesCounting, RefusedRequestIsAResourceFailureAndKeepsTheCounts )
+{
+    std::thread( [this] {
+        myDevice.setRefusing( true );
+        expectStatusFailure( [] { Capabilities::threadletonPtr(); } );
+        myDevice.setRefusing( false );
+        Capabilities& capabilities = *Capabilities::threadletonPtr();
+        capabilities.apply( cap21 );
+        myDevice.setRefusing( true );
+        expectStatusFailure( [&] { capabilities.apply( cap21 | cap23 ); } );
+        myDevice.setRefusing( false );
+        capabilities.apply( cap0 );
+        EXPECT_EQ( own(), cap0 | cap21 ); // 23 was not counted
+        capabilities.remove( cap21 );
+        EXPECT_EQ( own(), cap0 ); // 21 only once
+        myDevice.setRefusing( true );
+        expectStatusFailure( [&] { capabilities.remove( cap0 ); } );
+        myDevice.setRefusing( false );
+        capabilities.apply( cap23 );
+        EXPECT_EQ( own(), cap23 ); // the next request drops what could not be dropped
+        Mt::ThreadletonMgr::singletonPtr()->deleteThreadletons();
+    } ).join();
+}
+
+TEST_F( CapabilitiesCounting, ScopeLowersOnlyWhatItRaised )
+{
+    runThread( 0, [this]( Capabilities& ) {
+        {
+            ScopedCapabilities scope( cap23 );
+            EXPECT_TRUE( scope.isRaised() );
+            EXPECT_EQ( own(), cap23 );
+            myDevice.setRefusing( true );
+        }
+        EXPECT_EQ( own(), cap23 ); // refused, and nothing thrown
+        myDevice.setRefusing( false );
+        myDevice.setOpen( false );
+        {
+            ScopedCapabilities scope( cap21 );
+            EXPECT_FALSE( scope.isRaised() );
+            myDevice.setOpen( true );
+        }
+        EXPECT_EQ( nbrOfSets(), 1 );
+    } );
+}
+
+} // namespace
+} // namespace Nuv::Utils
