@@ -1,0 +1,433 @@
+#include "nuvFileSystem.h"
+
+#include "nuvTestSupport.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <sys/ipc.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+// What the system is made to say of files and of this process.
+std::optional< mode_t > ourMode;
+std::optional< ino_t > ourInode;
+std::atomic< uid_t > ourEuid = 1000;
+std::atomic< gid_t > ourEgid = 1000;
+std::optional< uid_t > ourOwner;
+std::optional< gid_t > ourGroup;
+NuvTest::Fault ourStatFault;
+NuvTest::Fault ourChmodFault;
+
+int disguise( int result, struct stat* statPtr )
+{
+    statPtr->st_mode = ourMode.value_or( statPtr->st_mode );
+    statPtr->st_ino = ourInode.value_or( statPtr->st_ino );
+    statPtr->st_uid = ourOwner.value_or( statPtr->st_uid );
+    statPtr->st_gid = ourGroup.value_or( statPtr->st_gid );
+    return ourStatFault.strikes() ? -1 : result;
+}
+
+} // namespace
+
+// NOLINTBEGIN: the linker gives these names
+#ifdef __i386__
+#define NUV_STAT __stat64_time64
+#else
+#define NUV_STAT stat
+#endif
+#define NUV_JOIN( a, b ) a##b
+#define NUV_NAME( a, b ) NUV_JOIN( a, b )
+extern "C" int NUV_NAME( __real_, NUV_STAT )( const char*, struct stat* );
+extern "C" int NUV_NAME( __wrap_, NUV_STAT )( const char* pathPtr, struct stat* statPtr )
+{
+    return disguise( NUV_NAME( __real_, NUV_STAT )( pathPtr, statPtr ), statPtr );
+}
+extern "C" uid_t __wrap_geteuid() { return ourEuid; }
+extern "C" gid_t __wrap_getegid() { return ourEgid; }
+extern "C" int __real_chmod( const char*, mode_t );
+extern "C" int __wrap_chmod( const char* pathPtr, mode_t mode )
+{
+    return ourChmodFault.strikes() ? -1 : __real_chmod( pathPtr, mode );
+}
+// NOLINTEND
+
+namespace Nuv::Io {
+namespace {
+
+using Utils::String;
+using FS = FileSystem;
+
+class FileSystemOnFolder : public ::testing::Test
+{
+protected:
+    ~FileSystemOnFolder() override
+    {
+        ourMode.reset();
+        ourInode.reset();
+        ourOwner.reset();
+        ourGroup.reset();
+        ourEuid = 1000;
+        ourStatFault.disarm();
+        ourChmodFault.disarm();
+    }
+
+    String path( const char* namePtr ) const { return myFolder.path( namePtr ); }
+    String makeFile( const char* namePtr, mode_t mode = 0644 )
+    {
+        NuvTest::writeFile( path( namePtr ), "12345" );
+        EXPECT_EQ( ::chmod( path( namePtr ).c_str(), mode ), 0 );
+        return path( namePtr );
+    }
+    static mode_t modeOf( const String& pathname )
+    {
+        struct stat info{};
+        EXPECT_EQ( ::stat( pathname.c_str(), &info ), 0 );
+        return info.st_mode & 07777;
+    }
+
+    NuvTest::TemporaryFolder myFolder;
+};
+
+TEST( FileSystemNormalize, GivesTheOneFormOfEveryPathname )
+{
+    ASSERT_TRUE( FS::setCurrentDirectory( "/usr" ) );
+    const struct
+    {
+        const char* textPtr;
+        const char* normalPtr; // null: refused
+    } rows[] = {
+        { "/a/./b//c/../d", "/a/b/d" },
+        { "/", "/" },
+        { "//", "/" },
+        { "/.", "/" },
+        { "/./", "/" },
+        { "/a/..", "/" },
+        { "/a/", "/a" },
+        { "/a/.", "/a" },
+        { "/././//./a///", "/a" },
+        { "/a/b/../../c", "/c" },
+        { "/a/./../b", "/b" },
+        { "/.../..a/a../.b", "/.../..a/a../.b" },
+        { "rel", "/usr/rel" },
+        { "./rel/", "/usr/rel" },
+        { ".", "/usr" },
+        { "../rel", "/rel" },
+        { " ", "/usr/ " },
+        { "", nullptr },
+        { "..", "/" },
+        { "../..", nullptr },
+        { "/..", nullptr },
+        { "/../x", nullptr },
+        { "/a/../../a", nullptr },
+        { "/./../a", nullptr },
+    };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.textPtr );
+        String text = row.textPtr;
+        EXPECT_EQ( FS::normalize( &text ), row.normalPtr != nullptr ? 1u : 0u );
+        EXPECT_EQ( text, row.normalPtr != nullptr ? row.normalPtr : row.textPtr );
+    }
+    String withNul( "/a\0b", 4 );
+    EXPECT_EQ( FS::normalize( &withNul ), 0u );
+    String absolute = "a/..";
+    EXPECT_TRUE( FS::makePathAbsolute( &absolute ) );
+    EXPECT_EQ( absolute, "/usr/a/.." );
+}
+
+TEST_F( FileSystemOnFolder, RelativePathnameInARemovedDirectoryIsRefused )
+{
+    ASSERT_TRUE( FS::createDirectory( path( "gone" ) ) );
+    ASSERT_TRUE( FS::setCurrentDirectory( path( "gone" ) ) );
+    ASSERT_TRUE( FS::remove( path( "gone" ) ) );
+    String text = "a";
+    EXPECT_FALSE( FS::makePathAbsolute( &text ) );
+    EXPECT_EQ( FS::normalize( &text ), 0u );
+    EXPECT_EQ( text, "a" );
+    EXPECT_TRUE( FS::setCurrentDirectory( "/" ) );
+    EXPECT_FALSE( FS::setCurrentDirectory( path( "gone" ) ) );
+}
+
+TEST( FileSystemTexts, ChildIsBelowParentByWholeNames )
+{
+    const struct
+    {
+        const char* childPtr;
+        const char* parentPtr;
+        bool isChild;
+    } rows[] = { { "/a/bc", "/a/b", false },  { "/a/b/c", "/a/b", true }, { "/a/b", "/a/b", false },
+                 { "/a", "/a/b", false },     { "/a", "/", true },        { "/a/b", "/a/", true },
+                 { "/x/b/c", "/a/b", false }, { "/", "/", false },        { "/a", "", true },
+                 { "a", "", false } };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( std::string( row.childPtr ) + " " + row.parentPtr );
+        EXPECT_EQ( FS::isChildOf( row.childPtr, row.parentPtr ), row.isChild );
+    }
+    EXPECT_LT( FS::compare( "/a", "/b" ), 0 );
+    EXPECT_EQ( FS::compare( "/a", "/a" ), 0 );
+    EXPECT_EQ( FS::pathnameOfSystemEtc(), "/etc" );
+}
+
+TEST( FileSystemTexts, HomeIsTheVariableOrTheRoot )
+{
+    const std::string home = std::getenv( "HOME" );
+    EXPECT_EQ( FS::pathnameOfUserHome(), home );
+    ::setenv( "HOME", "", 1 );
+    EXPECT_EQ( FS::pathnameOfUserHome(), "/" );
+    ::unsetenv( "HOME" );
+    EXPECT_EQ( FS::pathnameOfUserHome(), "/" );
+    ::setenv( "HOME", home.c_str(), 1 );
+}
+
+TEST_F( FileSystemOnFolder, AttributesFollowModeOwnerAndGroup )
+{
+    const std::uint32_t all = FS::readable | FS::writeable | FS::executable;
+    const struct
+    {
+        mode_t mode;
+        uid_t owner;
+        gid_t group;
+        uid_t euid;
+        std::uint32_t bits;
+    } rows[] = {
+        { S_IFREG | 0640, 1000, 5, 1000,
+          FS::file | FS::readable | FS::writeable | FS::userReadable | FS::userWriteable | FS::groupReadable },
+        { S_IFREG | 0640, 7, 1000, 1000,
+          FS::file | FS::readable | FS::userReadable | FS::userWriteable | FS::groupReadable },
+        { S_IFREG | 0640, 7, 5, 1000, FS::file | FS::userReadable | FS::userWriteable | FS::groupReadable },
+        { S_IFREG | 0001, 7, 5, 1000, FS::file | FS::executable | FS::otherExecutable },
+        { S_IFREG | 0106, 7, 5, 1000,
+          FS::file | FS::readable | FS::writeable | FS::userExecutable | FS::otherReadable | FS::otherWriteable },
+        { S_IFDIR | 0020, 7, 1000, 1000, FS::directory | FS::writeable | FS::groupWriteable },
+        { S_IFDIR | 0010, 7, 1000, 1000, FS::directory | FS::executable | FS::groupExecutable },
+        { S_IFDIR | 0100, 1000, 5, 1000, FS::directory | FS::executable | FS::userExecutable },
+        { S_IFREG | 0000, 7, 5, 0, FS::file | all },
+        { S_IFDIR | 0000, 7, 5, 0, FS::directory | all },
+        { S_IFIFO | 0000, 7, 5, 1000, 0 },
+    };
+    const String pathname = makeFile( "x" );
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( &row - rows );
+        ourMode = row.mode;
+        ourOwner = row.owner;
+        ourGroup = row.group;
+        ourEuid = row.euid;
+        EXPECT_EQ( FS::pathnameAttributes( pathname ), row.bits );
+    }
+}
+
+TEST_F( FileSystemOnFolder, HiddenGoesByTheLastName )
+{
+    for ( const char* namePtr : { ".profile", "a/.profile", ".a/profile", "profile", "a.b" } ) {
+        SCOPED_TRACE( namePtr );
+        const bool isHidden = String( namePtr ).find( ".profile" ) != String::npos;
+        const std::uint32_t bits = FS::pathnameAttributes( makeFile( namePtr ) );
+        EXPECT_EQ( ( bits & FS::hidden ) != 0, isHidden );
+    }
+    ASSERT_TRUE( FS::setCurrentDirectory( path( "a" ) ) );
+    EXPECT_THROW( FS::pathnameAttributes( ".profile" ), LogicException );
+    EXPECT_EQ( FS::pathnameAttributes( "missing" ), 0u );
+    ASSERT_TRUE( FS::setCurrentDirectory( "/" ) );
+}
+
+TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
+{
+    const struct
+    {
+        bool isSet;
+        mode_t before;
+        std::uint32_t bits;
+        mode_t after;
+    } rows[] = {
+        { true, 0444, FS::writeable, 0644 },
+        { true, 0000, FS::readable, 0444 },
+        { true, 0200, FS::executable, 0311 },
+        { true, 01000, FS::userReadable | FS::groupWriteable | FS::otherExecutable, 01421 },
+        { true, 0000, FS::userWriteable | FS::groupExecutable | FS::otherReadable, 0214 },
+        { true, 0000, FS::userExecutable | FS::groupReadable | FS::otherWriteable, 0142 },
+        { true, 0600, FS::file | FS::directory | FS::hidden, 0600 },
+        { false, 0777, FS::readable, 0333 },
+        { false, 0777, FS::writeable, 0555 },
+        { false, 06777, FS::executable, 06666 },
+        { false, 0777, FS::userReadable | FS::groupWriteable | FS::otherExecutable | FS::file, 0777 },
+    };
+    const String pathname = makeFile( "x" );
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( &row - rows );
+        ASSERT_EQ( ::chmod( pathname.c_str(), row.before ), 0 );
+        EXPECT_TRUE( row.isSet ? FS::setPathnameAttributes( pathname, row.bits )
+                               : FS::clearPathnameAttributes( pathname, row.bits ) );
+        EXPECT_EQ( modeOf( pathname ), row.after );
+    }
+    for ( const auto operation : { &FS::setPathnameAttributes, &FS::clearPathnameAttributes } ) {
+        EXPECT_FALSE( operation( path( "missing" ), FS::readable ) );
+        ourChmodFault.arm( 1, EPERM );
+        EXPECT_FALSE( operation( pathname, FS::readable ) );
+        ourChmodFault.arm( 1, EINTR );
+        EXPECT_TRUE( operation( pathname, FS::readable ) );
+    }
+}
+
+TEST_F( FileSystemOnFolder, SizeAndTimeAreThoseOfTheFile )
+{
+    const String pathname = makeFile( "x" );
+    EXPECT_EQ( FS::fileSize( pathname ), 5u );
+    ASSERT_EQ( ::truncate( pathname.c_str(), 5000000000 ), 0 ); // sparse; beyond 32 bits
+    EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
+    const timeval times[2] = { { 1, 0 }, { 1700000001, 999999 } };
+    ASSERT_EQ( ::utimes( pathname.c_str(), times ), 0 );
+    EXPECT_EQ( FS::lastModifiedTime( pathname ), Utils::Time( 1700000001 * Utils::Time::nsPerSec ) );
+    EXPECT_EQ( FS::fileSize( path( "missing" ) ), 0u );
+    EXPECT_EQ( FS::lastModifiedTime( path( "missing" ) ), Utils::Time( 0 ) );
+    ourStatFault.arm( 1, EINTR );
+    EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
+}
+
+TEST_F( FileSystemOnFolder, FilesAndDirectoriesComeMoveAndGo )
+{
+    const mode_t savedMask = ::umask( 022 );
+    EXPECT_TRUE( FS::createDirectory( path( "d" ) ) );
+    EXPECT_EQ( modeOf( path( "d" ) ), 0755u );
+    EXPECT_FALSE( FS::createDirectory( path( "d" ) ) );
+    EXPECT_EQ( errno, EEXIST );
+    EXPECT_FALSE( FS::createDirectory( path( "no/d" ) ) );
+    makeFile( "d/x" );
+    EXPECT_FALSE( FS::remove( path( "d" ) ) );
+    EXPECT_TRUE( FS::rename( path( "d/x" ), path( "y" ) ) );
+    EXPECT_FALSE( FS::rename( path( "d/x" ), path( "y" ) ) );
+    EXPECT_TRUE( FS::remove( path( "d" ) ) );
+    EXPECT_TRUE( FS::remove( path( "y" ) ) );
+    EXPECT_FALSE( FS::remove( path( "y" ) ) );
+    ::umask( savedMask );
+}
+
+TEST_F( FileSystemOnFolder, DirectoryIsReadOnceByAllItsReferences )
+{
+    makeFile( "d/.a" );
+    makeFile( "d/b" );
+    FS::DirectoryHandle handle = FS::openDirectory( path( "d" ) );
+    ASSERT_NE( handle, FS::invalidDirectoryHandle() );
+    FS::referenceDirectory( handle );
+    FS::DirectoryHandle second = handle;
+    String first;
+    String name;
+    EXPECT_TRUE( FS::readDirectory( handle, &first ) );
+    FS::closeDirectory( &handle );
+    EXPECT_EQ( handle, FS::invalidDirectoryHandle() );
+    EXPECT_TRUE( FS::readDirectory( second, &name ) );
+    EXPECT_TRUE( ( first == ".a" && name == "b" ) || ( first == "b" && name == ".a" ) );
+    EXPECT_FALSE( FS::readDirectory( second, &name ) );
+    EXPECT_THROW( FS::readDirectory( second, nullptr ), LogicException );
+    FS::closeDirectory( &second );
+    FS::closeDirectory( &second ); // the invalid handle
+    FS::referenceDirectory( second );
+    EXPECT_THROW( FS::readDirectory( second, &name ), LogicException );
+    EXPECT_THROW( FS::closeDirectory( nullptr ), LogicException );
+    EXPECT_EQ( FS::openDirectory( path( "missing" ) ), FS::invalidDirectoryHandle() );
+    EXPECT_EQ( FS::openDirectory( path( "d/b" ) ), FS::invalidDirectoryHandle() );
+}
+
+TEST_F( FileSystemOnFolder, TemporaryFilesAreNewAndPrivate )
+{
+    const mode_t savedMask = ::umask( 0 );
+    String a;
+    String b;
+    EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &a ) );
+    EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &b ) );
+    EXPECT_NE( a, b );
+    EXPECT_EQ( a.compare( 0, myFolder.path().size() + 4, myFolder.path() + "/pre" ), 0 );
+    EXPECT_EQ( a.size(), myFolder.path().size() + 10 );
+    EXPECT_EQ( modeOf( a ), 0600u );
+    EXPECT_EQ( ::umask( savedMask ), 0u ); // as it was before
+    const String before = a;
+    EXPECT_FALSE( FS::tempPathname( "pre", path( "missing" ), &a ) );
+    EXPECT_EQ( a, before );
+}
+
+TEST_F( FileSystemOnFolder, TemporaryDirectoryComesFromTheEnvironmentOfItsOwnUserAlone )
+{
+    ASSERT_TRUE( FS::createDirectory( path( "first" ) ) && FS::createDirectory( path( "second" ) ) );
+    ::setenv( "TMPDIR", path( "first" ).c_str(), 1 );
+    ::setenv( "TMP", path( "second" ).c_str(), 1 );
+    const auto directoryOf = []( uid_t euid, gid_t egid ) {
+        ourEuid = euid;
+        ourEgid = egid;
+        String result;
+        EXPECT_TRUE( FS::tempPathname( "nuvTest", "", &result ) );
+        EXPECT_TRUE( FS::remove( result ) );
+        return result.substr( 0, result.rfind( '/' ) );
+    };
+    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), path( "first" ) );
+    EXPECT_EQ( directoryOf( ::getuid() + 1, ::getgid() ), "/tmp" );
+    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() + 1 ), "/tmp" );
+    ::unsetenv( "TMPDIR" );
+    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), path( "second" ) );
+    ::unsetenv( "TMP" );
+    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), "/tmp" );
+}
+
+TEST_F( FileSystemOnFolder, KeyIsTheInodeNumberButNeverPrivate )
+{
+    const String pathname = makeFile( "x" );
+    struct stat info{};
+    ASSERT_EQ( ::stat( pathname.c_str(), &info ), 0 );
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), static_cast< key_t >( info.st_ino ) );
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 2 ), FS::ftok( pathname.c_str(), 1 ) );
+    EXPECT_EQ( FS::ftok( path( "missing" ).c_str(), 1 ), -1 );
+    ourInode = 0x500000007;
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), 7 );
+    ourInode = 0x500000000;
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), -1 );
+}
+
+mode_t currentUmask()
+{
+    const mode_t mask = ::umask( 0 );
+    ::umask( mask );
+    return mask;
+}
+
+TEST( UmaskScopes, CreatingThreadsAndForksLeaveTheRightUmask )
+{
+    const NuvTest::TemporaryFolder folder;
+    const mode_t savedMask = ::umask( 027 );
+    std::atomic< bool > isDone = false;
+    const auto create = [&]( const char* namePtr, mode_t mask ) {
+        while ( !isDone ) {
+            const UmaskScope outer( 0777 );
+            const UmaskScope scope( mask );
+            const std::string directory = folder.path( namePtr );
+            EXPECT_EQ( ::mkdir( directory.c_str(), 0777 ), 0 );
+            struct stat info{};
+            EXPECT_EQ( ::stat( directory.c_str(), &info ), 0 );
+            EXPECT_EQ( info.st_mode & 0777, 0777 & ~mask );
+            EXPECT_EQ( ::rmdir( directory.c_str() ), 0 );
+        }
+    };
+    std::thread first( create, "a", 02 );
+    std::thread second( create, "b", 033 );
+    for ( int i = 0; i < 20; ++i ) {
+        const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
+            EXPECT_EQ( currentUmask(), 027u );
+            { // not held by a thread that the child does not have
+                const UmaskScope scope( 0 );
+                EXPECT_EQ( currentUmask(), 0u );
+            }
+            EXPECT_EQ( currentUmask(), 027u );
+        } );
+        EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors << outcome.output;
+    }
+    isDone = true;
+    first.join();
+    second.join();
+    EXPECT_EQ( ::umask( savedMask ), 027u );
+}
+
+} // namespace
+} // namespace Nuv::Io
