@@ -342,9 +342,10 @@ Pathname::Iterator::Iterator( const Iterator& rhs )
 
 Pathname::Iterator& Pathname::Iterator::operator=( const Iterator& rhs )
 {
-    FileSystem::referenceDirectory( rhs.myDirHandle );
+    const FileSystem::DirectoryHandle handle = rhs.myDirHandle; // rhs may be this one
+    FileSystem::referenceDirectory( handle );
     FileSystem::closeDirectory( &myDirHandle );
-    myDirHandle = rhs.myDirHandle;
+    myDirHandle = handle;
     myName = rhs.myName;
     return *this;
 }
