@@ -18,7 +18,8 @@ class Singleton;
 namespace Nuv::Log {
 
 /// 1 to 5 are message severities, 6 is only a zone's threshold, 0 only a source's severity.
-enum Severity : std::int32_t {
+enum Severity : std::int32_t
+{
     off = 0,
     debug = 1,
     timing = 2,
@@ -41,7 +42,8 @@ NUV_API const char* severityKeyword( Severity severity );
 NUV_API bool severityFromKeyword( const char* keywordPtr, Severity* severityPtr );
 
 /// Which fields the line preamble writes before the text.
-enum ZoneFlags : std::uint32_t {
+enum ZoneFlags : std::uint32_t
+{
     sequenceNbr = 0x01,
     currentTime = 0x02,
     elapsedTime = 0x04,
@@ -145,6 +147,7 @@ private:
     void initImpl( const char* zoneNamePtr );
     void unbind();
     friend class ConfigManager;
+    friend class SourceBinding;
 
     static Zone ourPlaceholderZone;
 
@@ -155,7 +158,11 @@ private:
     std::atomic< Severity > mySeverity = debug;
 };
 
-enum Preference { includeDebug = 0, excludeDebug = 1 };
+enum Preference
+{
+    includeDebug = 0,
+    excludeDebug = 1
+};
 
 /// Five sources of one zone, one for each severity.
 ///
@@ -267,7 +274,8 @@ namespace Nuv {
 
 /// Logs, at debug severity through the standard source, prefix and the Buffer's text up to its
 /// first NUL; at most maxLength bytes, then "  ... <buffer too long>".
-NUV_API void logBuffer( const char* prefixPtr, const Utils::Buffer& buffer, unsigned int maxLength );
+NUV_API void logBuffer( const char* prefixPtr, const Utils::Buffer& buffer,
+                        unsigned int maxLength );
 
 } // namespace Nuv
 

@@ -5,38 +5,106 @@
 #include "nuvMutex.h"
 #include "nuvSemaphore.h"
 #include "nuvSharedMemory.h"
-#include "nuvThreadleton.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
 
 namespace Nuv::Log {
 
-/// Functions of the log application; each goes through the manager's singleton.
+/// What the log application does to the logging of all processes; each function goes through the
+/// manager's singleton.
+///
+/// Threads: any.
+/// Errors:  as ConfigManager::singletonPtr().
+/// Example: Log::LogAppHelper::zoneSeverity( "debug", "myZone" );
 class NUV_API LogAppHelper
 {
 public:
-    enum ClearMode { keepCount = 0, clearCount = 1 };
+    enum ClearMode
+    {
+        keepCount = 0,
+        clearCount = 1
+    };
 
-    /// @param severityKeywordPtr exact, lower case @param zoneNamePtr null for all zones
-    /// @return false, with nothing changed, for an unknown keyword (or a full preset table)
+    /// @param severityKeywordPtr exact, lower case: "debug" to "none"
+    /// @param zoneNamePtr null for all zones, also future ones
+    /// @return false for an unknown keyword, nothing having changed; also what
+    ///         ConfigManager::zoneSeverity() returns
     static bool zoneSeverity( const char* severityKeywordPtr, const char* zoneNamePtr );
     static void zoneFlags( unsigned int flags, const char* zoneNamePtr );
     static unsigned int fifoOverrunCount( ClearMode mode );
     static Io::InterprocessFifo* interprocessFifoPtr();
 };
 
-/// Zones and drains of the process.
+/// Zones and drains of the process, by "etc/log.conf" under the installation root and the table of
+/// zones that all processes share.
+///
+///     timemode = local                        or utc
+///     [logApp]
+///     enabled = false                         true: zones write into the log application's FIFO
+///     zoneAndDrainName = logApp               the log application's own zone and file drain
+///     fileName = main.log                     its file
+///     fileMaxSizeInK = 240
+///     fifoName = logAppFifo
+///     fifoSizeInK = 240
+///     [syslog]
+///     facility = local6                       local0 to local7, user
+///     [zone/myZone]
+///     severity = warning                      debug timing warning error fatal none
+///     flags = currenttime,elapsedtime,appname,threadid,zonename,severity
+///     drain = main
+///     [drain/myDrain]
+///     type = file                             null stderr stdout file syslog http
+///     fileName = myDrain.log                  of a file; without a section: main.log
+///     fileMaxSizeInK = 240                    0 never wraps
+///     remoteAddr = 127.1.128.1                of an HTTP drain
+///     remotePort = 80
+///
+/// What is missing has the value shown; an unknown keyword counts as missing. Names count with
+/// their first 15 characters; of two sections that agree in these the first by byte order is read.
+///
+/// A zone is decided by the first process that opens it: preset (see zoneSeverity()) before
+/// override before section before default. With the log application enabled its drain is the FIFO,
+/// unless it is named "syslog". With 100 zones in the table a further one gets a record of this
+/// process alone, with the same settings.
+///
+/// Threads: any. Lock order: the manager's mutex, then the semaphore "LogConfigManager", then a
+///          drain's mutex. The child of a fork may go on logging, whatever other threads held.
+/// Errors:  construction passes on what semaphore, segment and FIFO throw: ResourceException, also
+///          for a segment of another size. Configuration errors are silent.
+/// Owns:    the drains; segment and semaphore are removed by their last user. At process exit it
+///          unbinds the sources that outlive it.
+/// Bytes:   the segment "LogConfigManager", see Data. Counts and severities found out of range are
+///          taken for the nearest possible value; nothing is ever written past the segment.
+/// Example: Log::Zone* const zonePtr = Log::ConfigManager::singletonPtr()->openZone( "myZone" );
 class NUV_API ConfigManager
 {
 public:
+    /// The severity that a zone of that name gets when it is created.
     struct Preset
     {
         ZoneName myName;
         std::int32_t mySeverity;
     };
 
-    /// The shared segment "LogConfigManager".
+    /// The shared segment; all integers in host order.
+    ///
+    /// | offset | width | field                                                               |
+    /// |--------|-------|---------------------------------------------------------------------|
+    /// | 0      | 1     | not 0: new zones take the severity at 4                             |
+    /// | 4      | 4     | override severity; 6 when the segment is created                    |
+    /// | 8      | 1     | not 0: new zones take the flags at 12                               |
+    /// | 12     | 4     | override flags                                                      |
+    /// | 16     | 4     | number of used zone records                                         |
+    /// | 20     | 4000  | 100 zone records of 40 bytes: severity, flags, name, drain name     |
+    /// | 4020   | 2     | 0                                                                   |
+    /// | 4022   | 2     | number of used presets                                              |
+    /// | 4024   | 2020  | 101 presets of 20 bytes: zone name, severity                        |
     struct Data
     {
         static constexpr int maxNbrOfZones = 100;
@@ -53,25 +121,98 @@ public:
         std::uint16_t myReserved;
         std::uint16_t myNbrOfPresets;
         Preset myPresets[maxNbrOfPresets];
+
+        /// The counts, cut to what the tables hold.
+        int nbrOfZones() const;
+        int nbrOfPresets() const;
     };
 
+    /// Builds the manager on first use.
     static ConfigManager* singletonPtr();
 
+    /// @return the zone's record, created if needed, valid as long as the manager
     Zone* openZone( const char* namePtr );
+    /// @return the drain, opened if needed, with one more reference
     Drain* openDrain( const char* namePtr );
+    /// Gives one reference back; the last one closes the drain. Null is ignored.
     void closeDrain( Drain* drainPtr );
-    void getDrainOptions( const DrainName& name, Drain::Options* optionsPtr );
-    bool getZonePtr( const ZoneName& name, Zone** outPtr );
-    bool zoneSeverity( Severity severity, const char* zoneNamePtr );
-    void zoneFlags( unsigned int flags, const char* zoneNamePtr );
-    unsigned int fifoOverrunCount( LogAppHelper::ClearMode mode );
-    Io::InterprocessFifo* interprocessFifoPtr();
 
-    /// The shared table as it is now (for tools); read severity and flags through Zone.
-    const Data& data() const;
+    /// Changes a zone for all processes, and what the zone starts with when it is created later
+    /// (anew): its preset.
+    /// @param zoneNamePtr null: every zone but the log application's own (slot 0, where this
+    /// process
+    ///        has the log application enabled), and every later one: the override
+    /// @return false if the table of presets is full; a zone that exists is changed all the same
+    bool zoneSeverity( Severity severity, const char* zoneNamePtr );
+    /// The same for the flags, but nothing is kept for a zone that does not exist.
+    void zoneFlags( unsigned int flags, const char* zoneNamePtr );
+
+    /// @return Drain::ourFifoOverrunCount, of this process
+    unsigned int fifoOverrunCount( LogAppHelper::ClearMode mode );
+
+    /// Changes what the drain's section says, leaves the rest.
+    void getDrainOptions( const DrainName& name, Drain::Options* optionsPtr ) const;
+    /// @return true with the record of that name; false with the first unused slot, null if there
+    /// is
+    ///         none. The semaphore is held, the caller's duty.
+    bool getZonePtr( const ZoneName& name, Zone** outPtr );
+    bool isLogAppEnabled() const { return myIsLogAppEnabled; }
+    /// Fails nuvAssert "myInterprocessDrainPtr != NULL" unless the log application is enabled.
+    Io::InterprocessFifo* interprocessFifoPtr() const;
+    /// The log application's file drain: where it writes what it reads from the FIFO. Fails
+    /// nuvAssert "myLogAppDrainPtr != NULL" unless the log application is enabled.
+    Drain* logAppDrainPtr() const;
+    /// The shared table as it is now, for tools; a count is stored after the record it counts.
+    const Data& data() const { return *myDataPtr; }
+
+private:
+    friend class Utils::Singleton< ConfigManager >;
+    friend class Source;
+
+    ConfigManager();
+    ~ConfigManager();
+
+    void initialiseSegment( const ZoneName* logAppNamePtr );
+    void openLogApp( const DrainName& name );
+    std::unique_ptr< Drain > makeOwnDrain( const DrainName& name, const Drain::Options& options );
+    Zone* findOrCreateZone( const ZoneName& name );
+    Zone newZone( const ZoneName& name ) const;
+    void readZoneSection( const ZoneName& name, Zone* zonePtr ) const;
+    const Preset* findPreset( const ZoneName& name ) const;
+    bool storePreset( const ZoneName& name, Severity severity );
+    template < class Change >
+    void changeZones( const char* zoneNamePtr, const Change& change );
+    void bind( Source& source, const char* zoneNamePtr );
+    void release( Source& source );
+
+    template < class Action >
+    void forEachDrain( const Action& action );
+    static void prepareFork();
+    static void afterForkInParent();
+    static void afterForkInChild();
+
+    Mt::Mutex myMutex;
+    Mt::Semaphore mySemaphore;
+    std::unique_ptr< Io::SharedMemory > mySharedMemoryPtr;
+    Data* myDataPtr = nullptr;
+    bool myIsLogAppEnabled = false;
+    int myFacility;
+    DrainName myFifoDrainName;
+    std::map< ZoneName, Zone* > myZoneMap;
+    std::list< Zone > myLocalZones; // for which the shared table has no room
+    std::map< DrainName, Drain* > myDrainMap;
+    std::set< Source* > mySources; // bound ones
+    Utils::Config myConfig;
+    std::unique_ptr< Drain > myLogAppDrainPtr;
+    std::unique_ptr< Drain > myInterprocessDrainPtr;
 };
 
+static_assert( sizeof( ConfigManager::Preset ) == 20 );
 static_assert( sizeof( ConfigManager::Data ) == 6044 );
+static_assert( offsetof( ConfigManager::Data, myOverrideSeverity ) == 4 );
+static_assert( offsetof( ConfigManager::Data, myFlagsOverrideSet ) == 8 );
+static_assert( offsetof( ConfigManager::Data, myOverrideFlags ) == 12 );
+static_assert( offsetof( ConfigManager::Data, myNbrOfZones ) == 16 );
 static_assert( offsetof( ConfigManager::Data, myZones ) == 20 );
 static_assert( offsetof( ConfigManager::Data, myNbrOfPresets ) == 4022 );
 static_assert( offsetof( ConfigManager::Data, myPresets ) == 4024 );

@@ -80,8 +80,8 @@ bool isRegularFile( int fd, struct stat* statusPtr )
 /// daemon that has closed those would else print into its log.
 int openAboveStandard( const char* pathPtr, int flags )
 {
-    const int fd =
-        Utils::retryOnEintr( [&] { return ::open( pathPtr, flags | O_CLOEXEC | O_NOCTTY, 0666 ); } );
+    const int fd = Utils::retryOnEintr(
+        [&] { return ::open( pathPtr, flags | O_CLOEXEC | O_NOCTTY, 0666 ); } );
     if ( fd < 0 || fd > STDERR_FILENO )
         return fd;
     const int duplicate = ::fcntl( fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1 );
@@ -122,7 +122,8 @@ void LogFileWriter::seekMarker()
     struct stat status;
     std::uint64_t size = 0;
     const std::optional< std::uint64_t > marker = findMarker( myFile, &size );
-    myFileSize = isRegularFile( myFile, &status ) ? static_cast< std::uint64_t >( status.st_size ) : 0;
+    myFileSize =
+        isRegularFile( myFile, &status ) ? static_cast< std::uint64_t >( status.st_size ) : 0;
     myHasMarker = marker.has_value();
     myPosition = marker.value_or( size );
     if ( myMaxSize != 0 && myPosition > myMaxSize ) {
@@ -133,6 +134,8 @@ void LogFileWriter::seekMarker()
 
 bool LogFileWriter::write( std::string_view message )
 {
+    if ( myIsShared.load( std::memory_order_relaxed ) && !isPositionRight() )
+        seekMarker();
     const std::uint64_t oldSize = myFileSize;
     const std::uint64_t end = myPosition + message.size() + 1;
     const bool wraps = myMaxSize != 0 && end > myMaxSize;
@@ -149,6 +152,18 @@ bool LogFileWriter::write( std::string_view message )
         myHasMarker = putMarker();
     }
     return true;
+}
+
+/// Whether the file is as this object left it.
+bool LogFileWriter::isPositionRight() const
+{
+    char bytes[ourMarkerText.size()];
+    struct stat status;
+    if ( myHasMarker )
+        return std::string_view( bytes, readAt( myFile, bytes, sizeof( bytes ), myPosition ) ) ==
+               ourMarkerText;
+    return isRegularFile( myFile, &status ) &&
+           static_cast< std::uint64_t >( status.st_size ) == myFileSize;
 }
 
 /// Writes message, line feed and marker at myPosition.
@@ -195,9 +210,10 @@ void LogFileWriter::restore( std::uint64_t oldSize )
 {
     if ( myHasMarker )
         myHasMarker = putMarker();
-    if ( myFileSize > oldSize &&
-         Utils::retryOnEintr(
-             [&] { return ::ftruncate( myFile, static_cast< ::off_t >( oldSize ) ); } ) == 0 )
+    if ( myFileSize > oldSize && Utils::retryOnEintr( [&] {
+                                     return ::ftruncate( myFile,
+                                                         static_cast< ::off_t >( oldSize ) );
+                                 } ) == 0 )
         myFileSize = oldSize;
 }
 

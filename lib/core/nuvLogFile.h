@@ -3,6 +3,7 @@
 #include "nuv.h"
 #include "nuvUtils.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -34,11 +35,13 @@ static_assert( endOfFileMarker.size() == 81 );
 /// | marker or end beyond maxSize       | 0                               |
 /// | size > maxSize + 2048              | 0 of the file, cut to empty     |
 ///
-/// Threads: one at a time. One process writes a file at a time: positions are not shared.
+/// Threads: one at a time. One process at a time writes a file, positions are not shared: of lines
+///          that several write one overwrites the other. For parent and child of a fork, share()
+///          makes that unlikely.
 /// Errors:  nothing throws or waits. A message that cannot be written is lost: the file gets back
 ///          its marker and size, and the next message tries again.
 /// Owns:    the descriptor (close-on-exec, above the three standard ones).
-/// Cost:    one system call a message, two where a lap ends; no allocation.
+/// Cost:    one system call a message, two where a lap ends, one more when shared; no allocation.
 /// Bytes:   text, line feed, marker; without marker if maxSize is 0. Only the first 80 bytes of the
 ///          marker are compared, at the begin of a line.
 /// Example: LogFileWriter file; if ( file.open( path, 245760 ) ) file.write( text );
@@ -66,11 +69,16 @@ public:
     /// Finds the place of the next message anew, by what the file holds now.
     void seekMarker();
 
+    /// From now on looks, before each message, for what another process has written. Callable on
+    /// another thread than the writing one.
+    void share() { myIsShared.store( true, std::memory_order_relaxed ); }
+
     bool isOpen() const { return myFile.isValid(); }
     /// Where the next message goes.
     std::uint64_t position() const { return myPosition; }
 
 private:
+    bool isPositionRight() const;
     bool put( std::string_view message, std::string_view marker );
     bool putMarker();
     void restore( std::uint64_t oldSize );
@@ -80,6 +88,7 @@ private:
     std::uint64_t myPosition = 0;
     std::uint64_t myFileSize = 0;
     bool myHasMarker = false; // at myPosition
+    std::atomic< bool > myIsShared = false;
 };
 
 /// Reads a wrap-around file, or any file of lines, in the order of time; then follows it.
@@ -99,8 +108,8 @@ public:
     /// Longer lines are given in pieces.
     static constexpr std::size_t maxLineLength = 64 * 1024;
 
-    /// @param maxSize the size at which the file's writer wraps; 0 if unknown, lines that an earlier
-    /// and longer lap has left behind the last one's end are then taken for part of it
+    /// @param maxSize the size at which the file's writer wraps; 0 if unknown, lines that an
+    /// earlier and longer lap has left behind the last one's end are then taken for part of it
     explicit LogFileReader( std::string pathname, std::uint64_t maxSize = 0 );
     LogFileReader( const LogFileReader& ) = delete;
     LogFileReader& operator=( const LogFileReader& ) = delete;

@@ -5,6 +5,7 @@
 #include "nuvUtils.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -259,10 +260,22 @@ bool Pathname::tempPathname( const Utils::String& prefix, const Pathname& direct
     return true;
 }
 
+namespace {
+
+constinit std::atomic< std::uint32_t > ourExecutableVersion = 0;
+
+} // namespace
+
 void Pathname::setPathnameOfExecutable( const char* pathPtr )
 {
     nuvAssert( pathPtr != NULL );
     SpecialPathnames::singletonPtr()->setExecutable( Pathname( Utils::String( pathPtr ) ) );
+    ourExecutableVersion.fetch_add( 1, std::memory_order_release );
+}
+
+std::uint32_t Pathname::executableVersion()
+{
+    return ourExecutableVersion.load( std::memory_order_acquire );
 }
 
 bool Pathname::exists() const

@@ -110,6 +110,9 @@ public:
     /// Records the program's file; called by the process frame at start-up. A text that cannot be
     /// normalised makes the entry invalid; null fails nuvAssert.
     static void setPathnameOfExecutable( const char* pathPtr );
+    /// @return a number that grows with each setPathnameOfExecutable(), for who keeps what it has
+    ///         derived from the entry
+    static std::uint32_t executableVersion();
 
     bool isValid() const { return myPrefixLength != 0; }
     const Utils::String& str() const { return myPath; }

@@ -103,6 +103,9 @@ public:
     /// Made on first use in a thread.
     static SubsystemInfo* threadletonPtr();
 
+    /// The same without making it: null in a thread that has none yet.
+    static SubsystemInfo* existingPtr();
+
     /// A new thread's name is the one its creator has at that time.
     void nameStrPtr( const NamePtr& namePtr );
     const NamePtr& nameStrPtr() const { return myNamePtr; }
@@ -136,7 +139,6 @@ private:
 
     SubsystemInfo() = default;
 
-    static SubsystemInfo* existingPtr();
     static void forgetDetailInForkedChild();
 
     NamePtr myNamePtr;

@@ -1,0 +1,455 @@
+#include "nuvLogDrain.h"
+
+#include "nuvLogCapture.h"
+#include "nuvPathname.h"
+#include "nuvSubsystemInfo.h"
+#include "nuvTime.h"
+#include "nuvUtils.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <iostream>
+#include <new>
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace Nuv::Log {
+
+constinit std::atomic< std::uint32_t > Drain::ourFifoOverrunCount = 0;
+constinit std::atomic< Drain::TimeMode > Drain::ourTimeMode = Drain::localTime;
+
+namespace {
+
+using TypeMap = Utils::StaticMap< const char*, Drain::Options::Type >;
+constexpr TypeMap::Pair ourTypePairs[] = {
+    { "file", Drain::Options::file },
+    { "http", Drain::Options::http },
+    { "null", Drain::Options::null },
+    { "stderr", Drain::Options::standardError },
+    { "stdout", Drain::Options::standardOutput },
+    { "syslog", Drain::Options::syslog },
+};
+constexpr TypeMap ourTypeMap( ourTypePairs );
+static_assert( ourTypeMap.isSorted() );
+
+constexpr int ourSyslogLevels[] = { LOG_EMERG,   LOG_DEBUG, LOG_INFO,
+                                    LOG_WARNING, LOG_ERR,   LOG_CRIT };
+
+// ---------------------------------------------------------------------- state across a fork
+
+std::atomic< ::pid_t > ourProcessId = 0; // 0 until first asked for
+
+// Threads within the C library's system log. It has a lock that no fork handler opens: in a child
+// that was forked while another thread held it, the system log would block for ever.
+std::atomic< int > ourNbrOfSyslogUsers = 0;
+std::atomic< bool > ourIsSyslogUsable = true;
+std::atomic< bool > ourIsSyslogOpen = false;
+
+// The conversion to local time has such a lock too. This one is taken before it, and by a fork, so
+// that the child finds that one open. A mutex that the child's thread may open: of the plain kind.
+constinit pthread_mutex_t ourZoneFileMutex = PTHREAD_MUTEX_INITIALIZER;
+
+void prepareFork()
+{
+    ::pthread_mutex_lock( &ourZoneFileMutex );
+}
+
+void afterForkInParent()
+{
+    ::pthread_mutex_unlock( &ourZoneFileMutex );
+}
+
+void afterForkInChild()
+{
+    ourProcessId.store( ::getpid(), std::memory_order_relaxed );
+    if ( ourNbrOfSyslogUsers.exchange( 0, std::memory_order_relaxed ) != 0 )
+        ourIsSyslogUsable.store( false, std::memory_order_relaxed );
+    ::pthread_mutex_unlock( &ourZoneFileMutex );
+}
+
+/// The process id is asked for once, not with every line.
+::pid_t processId()
+{
+    ::pid_t id = ourProcessId.load( std::memory_order_relaxed );
+    if ( id == 0 ) {
+        static const int result =
+            ::pthread_atfork( &prepareFork, &afterForkInParent, &afterForkInChild );
+        id = ::getpid();
+        if ( result == 0 )
+            ourProcessId.store( id, std::memory_order_relaxed );
+    }
+    return id;
+}
+
+// ---------------------------------------------------------------------------------- time stamp
+
+/// The broken-down time of a second and its text, kept for the other lines of that second.
+struct SecondCache
+{
+    static constexpr std::size_t maxLength = 64;
+
+    std::int64_t mySecond;
+    Drain::TimeMode myMode;
+    bool myIsSet;
+    std::size_t myLength; // 0 until the text is first asked for
+    std::int64_t myOffsetNs;
+    std::tm myTime;
+    char myText[maxLength];
+
+    void set( std::int64_t second, Drain::TimeMode mode );
+    std::string_view text();
+};
+
+constinit thread_local SecondCache ourSecondCache = {};
+
+void SecondCache::set( std::int64_t second, Drain::TimeMode mode )
+{
+    if ( myIsSet && second == mySecond && mode == myMode )
+        return;
+    const auto time = static_cast< std::time_t >( second );
+    myTime = std::tm();
+    if ( mode == Drain::localTime ) {
+        ::pthread_mutex_lock( &ourZoneFileMutex );
+        ::localtime_r( &time, &myTime );
+        ::pthread_mutex_unlock( &ourZoneFileMutex );
+        myOffsetNs = static_cast< std::int64_t >( myTime.tm_gmtoff ) *
+                     static_cast< std::int64_t >( Utils::Time::nsPerSec );
+    } else {
+        ::gmtime_r( &time, &myTime );
+        myOffsetNs = 0;
+    }
+    mySecond = second;
+    myMode = mode;
+    myIsSet = true;
+    myLength = 0;
+}
+
+std::string_view SecondCache::text()
+{
+    if ( myLength == 0 )
+        myLength = std::strftime( myText, maxLength, "%d%b%Y %H:%M:%S.", &myTime );
+    return std::string_view( myText, myLength );
+}
+
+/// Puts the cache to the current second. @return the time of day where the clock on the wall stands
+std::uint64_t takeTime()
+{
+    const std::uint64_t now = Utils::Time().ns();
+    ourSecondCache.set( static_cast< std::int64_t >( now / Utils::Time::nsPerSec ),
+                        Drain::ourTimeMode.load( std::memory_order_relaxed ) );
+    return now + static_cast< std::uint64_t >( ourSecondCache.myOffsetNs );
+}
+
+unsigned int millisecond( std::uint64_t localNs )
+{
+    return static_cast< unsigned int >( localNs / Utils::Time::nsPerMs % Utils::Time::msPerSec );
+}
+
+// ---------------------------------------------------------------------------- application name
+
+/// The program's name, kept for the thread's lines until the program's pathname is set anew.
+struct ProgramName
+{
+    static constexpr std::size_t maxLength = 255;
+
+    std::uint32_t myVersion;
+    bool myIsSet;
+    std::size_t myLength;
+    char myText[maxLength];
+
+    std::string_view text();
+};
+
+constinit thread_local ProgramName ourProgramName = {};
+
+std::string_view ProgramName::text()
+{
+    const std::uint32_t version = Io::Pathname::executableVersion();
+    if ( !myIsSet || version != myVersion ) {
+        const Io::Pathname executable( Io::Pathname::executablePathname );
+        Utils::String name = executable.nameStrSansExtension();
+        if ( name.empty() ) {
+            // Not recorded: a program that does not run on the library's main thread.
+            name = ::program_invocation_short_name;
+            name.resize( std::min( name.size(), name.rfind( '.' ) ) );
+        }
+        myLength = std::min( name.size(), maxLength );
+        std::memcpy( myText, name.data(), myLength );
+        myVersion = version;
+        myIsSet = true;
+    }
+    return std::string_view( myText, myLength );
+}
+
+/// Valid until the thread's next call.
+std::string_view applicationName()
+{
+    const Mt::SubsystemInfo* const infoPtr = Mt::SubsystemInfo::existingPtr();
+    if ( infoPtr != nullptr && infoPtr->nameStrPtr() && !infoPtr->nameStrPtr()->empty() )
+        return *infoPtr->nameStrPtr();
+    return ourProgramName.text();
+}
+
+// ------------------------------------------------------------------------------------ preamble
+
+/// The short fields of a preamble, put together before they go to the stream.
+class FieldWriter
+{
+public:
+    void add( std::string_view text )
+    {
+        const std::size_t length = std::min( text.size(), sizeof( myChars ) - myLength );
+        std::memcpy( myChars + myLength, text.data(), length );
+        myLength += length;
+    }
+    void add( char c ) { add( std::string_view( &c, 1 ) ); }
+    /// In decimal, with leading zeros up to the width.
+    void addNumber( std::uint32_t number, std::size_t width = 1 )
+    {
+        char digits[10];
+        const auto end = std::to_chars( digits, digits + sizeof( digits ), number ).ptr;
+        const auto length = static_cast< std::size_t >( end - digits );
+        for ( std::size_t i = length; i < width; ++i )
+            add( '0' );
+        add( std::string_view( digits, length ) );
+    }
+    void flush( Utils::OBufferStream& stream )
+    {
+        stream.writeBytes( myChars, myLength );
+        myLength = 0;
+    }
+
+private:
+    // Above what all fields need together: 11 + 69 + 15 + 14 + 19.
+    char myChars[160];
+    std::size_t myLength = 0;
+};
+
+} // namespace
+
+// The other ends of the seams that nuvLog.h declares.
+
+void Helper::preamble()
+{
+    Drain* const drainPtr = mySource.drainPtr();
+    if ( drainPtr == nullptr )
+        return;
+    const Zone& zone = mySource.zone();
+    const std::uint32_t flags = zone.flags();
+    FieldWriter fields;
+    if ( flags & sequenceNbr ) {
+        fields.addNumber( drainPtr->sequenceNbr(), 8 );
+        fields.add( ' ' );
+    }
+    if ( flags & ( currentTime | elapsedTime ) ) {
+        const std::uint64_t localNs = takeTime();
+        const unsigned int elapsed = drainPtr->elapsedMs( localNs );
+        if ( flags & currentTime ) {
+            fields.add( ourSecondCache.text() );
+            fields.addNumber( millisecond( localNs ), 3 );
+            fields.add( ' ' );
+        }
+        if ( flags & elapsedTime ) {
+            fields.addNumber( elapsed / 1000 );
+            fields.add( '.' );
+            fields.addNumber( elapsed % 1000, 3 );
+            fields.add( ' ' );
+        }
+    }
+    if ( flags & appName ) {
+        fields.flush( *myStreamPtr );
+        const std::string_view name = applicationName();
+        myStreamPtr->writeBytes( name.data(), name.size() );
+    }
+    if ( flags & threadId ) {
+        fields.add( '[' );
+        fields.addNumber( static_cast< std::uint32_t >( processId() ) );
+        fields.add( ']' );
+    }
+    if ( flags & ( appName | threadId ) )
+        fields.add( ' ' );
+    if ( flags & zoneName )
+        fields.add( zone.myName.view() );
+    if ( flags & severityLetterFlag ) {
+        fields.add( '/' );
+        fields.add( severityLetter( mySource.severity() ) );
+    }
+    if ( flags & ( zoneName | severityLetterFlag ) )
+        fields.add( ' ' );
+    fields.flush( *myStreamPtr );
+}
+
+void Helper::emit()
+{
+    Drain* const drainPtr = mySource.drainPtr();
+    if ( drainPtr == nullptr )
+        return;
+    // A copy: the record is shared, and only a copy is sure to be terminated.
+    const ZoneName zone( mySource.zone().myName.view() );
+    drainPtr->outputMessage( mySource.severity(), *myStreamPtr->bufferPtr(), zone.cStr() );
+    drainPtr->countMessage();
+}
+
+// --------------------------------------------------------------------------------------- Drain
+
+bool Drain::typeFromKeyword( const char* keywordPtr, Options::Type* typePtr )
+{
+    const auto found = ourTypeMap.find( keywordPtr );
+    if ( found == ourTypeMap.end() )
+        return false;
+    *typePtr = found->value;
+    return true;
+}
+
+const char* Drain::typeKeyword( Options::Type type )
+{
+    for ( const TypeMap::Pair& pair : ourTypeMap ) {
+        if ( pair.value == type )
+            return pair.key;
+    }
+    return type == Options::fifo ? "fifo" : "?";
+}
+
+Drain::Drain( const char* namePtr, const Options& options, int facility )
+    : myName( namePtr )
+    , myOptions( options )
+{
+    switch ( myOptions.type ) {
+    case Options::standardError:
+        myStreamBufPtr = std::cerr.rdbuf();
+        break;
+    case Options::standardOutput:
+        myStreamBufPtr = std::cout.rdbuf();
+        break;
+    case Options::file: {
+        const Io::Pathname pathname( Io::Pathname::rootDirectory,
+                                     Utils::String( "log/" + myOptions.fileName ) );
+        if ( pathname.isValid() )
+            myFile.open( pathname.str(), myOptions.maxSize );
+        break;
+    }
+    case Options::syslog:
+        if ( !ourIsSyslogOpen.exchange( true, std::memory_order_relaxed ) )
+            ::openlog( "nuvs", 0, facility );
+        break;
+    case Options::fifo:
+        myFifoPtr = std::make_unique< Io::InterprocessFifo >(
+            myOptions.fileName.c_str(), static_cast< unsigned int >( myOptions.maxSize ) );
+        break;
+    default:
+        break;
+    }
+    const bool hasOutput = myStreamBufPtr != nullptr || myFile.isOpen() || myFifoPtr != nullptr;
+    if ( !hasOutput && myOptions.type != Options::syslog && myOptions.type != Options::http )
+        myOptions.type = Options::null;
+    elapsedMs( takeTime() );
+}
+
+Drain::~Drain() = default;
+
+void Drain::outputMessage( Severity severity, const Utils::Buffer& message,
+                           const char* zoneNamePtr )
+{
+    if ( Capture::take( severity, message, zoneNamePtr ) || myOptions.type == Options::null )
+        return;
+    const CancelShield shield;
+    const Mt::MutexLock lock( myMutex );
+    bool isWritten = false;
+    try {
+        isWritten = put( severity, message );
+    } catch ( ... ) {
+        // What an output throws (a stream buffer of the application's, no memory, a semaphore that
+        // is gone) must not reach who logs.
+    }
+    if ( !isWritten )
+        myNbrOfLost.fetch_add( 1, std::memory_order_relaxed );
+}
+
+namespace {
+
+bool putSystemLog( int level, std::string_view message )
+{
+    if ( !ourIsSyslogUsable.load( std::memory_order_relaxed ) )
+        return false;
+    std::string copy;
+    if ( message.find( '\0' ) != std::string_view::npos ) {
+        copy = message;
+        std::replace( copy.begin(), copy.end(), '\0', ' ' );
+        message = copy;
+    }
+    ourNbrOfSyslogUsers.fetch_add( 1, std::memory_order_relaxed );
+    ::syslog( level, "%.*s", static_cast< int >( message.size() ), message.data() );
+    ourNbrOfSyslogUsers.fetch_sub( 1, std::memory_order_relaxed );
+    return true;
+}
+
+} // namespace
+
+bool Drain::put( Severity severity, const Utils::Buffer& message )
+{
+    switch ( myOptions.type ) {
+    case Options::standardError:
+        return putLine( message ) && myStreamBufPtr->pubsync() != -1;
+    case Options::standardOutput:
+        return putLine( message );
+    case Options::file:
+        return myFile.write( message );
+    case Options::syslog:
+        return putSystemLog( ourSyslogLevels[std::clamp< int >( severity, off, fatal )], message );
+    case Options::fifo:
+        // Straight from the message into the ring: a stream buffer between them would copy once
+        // more.
+        if ( !myFifoPtr->write( message ) )
+            ourFifoOverrunCount.fetch_add( 1, std::memory_order_relaxed );
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Text and line feed at once, so that lines of several processes stay whole on a terminal.
+bool Drain::putLine( std::string_view message )
+{
+    myLine.assign( message ).push_back( '\n' );
+    const auto length = static_cast< std::streamsize >( myLine.size() );
+    return myStreamBufPtr->sputn( myLine.data(), length ) == length;
+}
+
+unsigned int Drain::timeStamp( std::tm* outPtr, unsigned int* millisecondsPtr )
+{
+    const std::uint64_t localNs = takeTime();
+    *outPtr = ourSecondCache.myTime;
+    *millisecondsPtr = millisecond( localNs );
+    return elapsedMs( localNs );
+}
+
+unsigned int Drain::elapsedMs( std::uint64_t localNs )
+{
+    const std::uint64_t last = myLastTime.exchange( localNs, std::memory_order_relaxed );
+    return localNs < last
+               ? 0
+               : static_cast< unsigned int >( ( localNs - last ) / Utils::Time::nsPerMs );
+}
+
+void Drain::appName( std::string* namePtr )
+{
+    *namePtr = applicationName();
+}
+
+void Drain::seekFileMarker()
+{
+    const Mt::MutexLock lock( myMutex );
+    if ( myFile.isOpen() )
+        myFile.seekMarker();
+}
+
+void Drain::afterForkInChild()
+{
+    myFile.share();
+    new ( &myMutex ) Mt::Mutex();
+    new ( &myLine ) std::string();
+}
+
+} // namespace Nuv::Log
