@@ -101,9 +101,12 @@ void Suid::euidToLogin()
     {
         const Mt::MutexLock lock( ourSuidCountMutex );
         // The last scope may have saved an id that another thread's scope has switched back since.
-        const uid_t euid = --ourNbrOfScopes == 0 ? ourOutermostEuid : mySavedEuid;
-        mySavedEuid = noUser;
+        const uid_t euid = ourNbrOfScopes == 1 ? ourOutermostEuid : mySavedEuid;
         restored = ::geteuid() == euid || ::seteuid( euid ) == 0;
+        if ( restored ) {
+            mySavedEuid = noUser;
+            --ourNbrOfScopes;
+        }
     }
     if ( !restored )
         logFatal( "errSystemError Could not set user id back from " +

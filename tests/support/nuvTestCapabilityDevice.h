@@ -27,7 +27,10 @@ public:
     CapabilityDeviceDouble() { substitute( this ); }
     ~CapabilityDeviceDouble() override { substitute( nullptr ); }
 
-    bool isOpen() const override { return locked( [this] { return myIsOpen; } ); }
+    bool isOpen() const override
+    {
+        return locked( [this] { return myIsOpen; } );
+    }
     bool readCapabilities( std::uint32_t* maskPtr ) override
     {
         return request( [=]( ThreadState& state ) { *maskPtr = state.capabilities; } );
@@ -48,9 +51,18 @@ public:
         return request( [=]( ThreadState& state ) { state.affinity = mask; } );
     }
 
-    void setOpen( bool isOpen ) { locked( [&] { myIsOpen = isOpen; } ); }
-    void setRefusing( bool isRefusing ) { locked( [&] { myIsRefusing = isRefusing; } ); }
-    void setClockMs( std::uint32_t ms ) { locked( [&] { myClockMs = ms; } ); }
+    void setOpen( bool isOpen )
+    {
+        locked( [&] { myIsOpen = isOpen; } );
+    }
+    void setRefusing( bool isRefusing )
+    {
+        locked( [&] { myIsRefusing = isRefusing; } );
+    }
+    void setClockMs( std::uint32_t ms )
+    {
+        locked( [&] { myClockMs = ms; } );
+    }
     /// Makes the calling thread a new one that was started with this set.
     void setOwnCapabilities( std::uint32_t mask )
     {

@@ -13,7 +13,10 @@
 namespace {
 std::atomic< uid_t > ourEuid = 4711;
 }
-extern "C" uid_t __wrap_geteuid() { return ourEuid; }
+extern "C" uid_t __wrap_geteuid()
+{
+    return ourEuid;
+}
 
 namespace Nuv::Utils {
 namespace {

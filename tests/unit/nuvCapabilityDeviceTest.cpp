@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
-// The real face on a module of the test's own: "/dev/nuvmodcap" opens as /dev/null, and the requests
-// that arrive there are kept.
+// The real face on a module of the test's own: "/dev/nuvmodcap" opens as /dev/null, and the
+// requests that arrive there are kept.
 
 namespace {
 
@@ -53,7 +53,10 @@ int requestOfModule( int fd, unsigned long request, unsigned long argument )
     return 0;
 }
 
-mode_t modeIn( int flags, va_list list ) { return flags & O_CREAT ? va_arg( list, mode_t ) : 0; }
+mode_t modeIn( int flags, va_list list )
+{
+    return flags & O_CREAT ? va_arg( list, mode_t ) : 0;
+}
 
 } // namespace
 

@@ -49,8 +49,14 @@ extern "C" int NUV_NAME( __wrap_, NUV_STAT )( const char* pathPtr, struct stat* 
 {
     return disguise( NUV_NAME( __real_, NUV_STAT )( pathPtr, statPtr ), statPtr );
 }
-extern "C" uid_t __wrap_geteuid() { return ourEuid; }
-extern "C" gid_t __wrap_getegid() { return ourEgid; }
+extern "C" uid_t __wrap_geteuid()
+{
+    return ourEuid;
+}
+extern "C" gid_t __wrap_getegid()
+{
+    return ourEgid;
+}
 extern "C" int __real_chmod( const char*, mode_t );
 extern "C" int __wrap_chmod( const char* pathPtr, mode_t mode )
 {
@@ -87,7 +93,9 @@ protected:
     }
     static mode_t modeOf( const String& pathname )
     {
-        struct stat info{};
+        struct stat info
+        {
+        };
         EXPECT_EQ( ::stat( pathname.c_str(), &info ), 0 );
         return info.st_mode & 07777;
     }
@@ -197,13 +205,16 @@ TEST_F( FileSystemOnFolder, AttributesFollowModeOwnerAndGroup )
         std::uint32_t bits;
     } rows[] = {
         { S_IFREG | 0640, 1000, 5, 1000,
-          FS::file | FS::readable | FS::writeable | FS::userReadable | FS::userWriteable | FS::groupReadable },
+          FS::file | FS::readable | FS::writeable | FS::userReadable | FS::userWriteable |
+              FS::groupReadable },
         { S_IFREG | 0640, 7, 1000, 1000,
           FS::file | FS::readable | FS::userReadable | FS::userWriteable | FS::groupReadable },
-        { S_IFREG | 0640, 7, 5, 1000, FS::file | FS::userReadable | FS::userWriteable | FS::groupReadable },
+        { S_IFREG | 0640, 7, 5, 1000,
+          FS::file | FS::userReadable | FS::userWriteable | FS::groupReadable },
         { S_IFREG | 0001, 7, 5, 1000, FS::file | FS::executable | FS::otherExecutable },
         { S_IFREG | 0106, 7, 5, 1000,
-          FS::file | FS::readable | FS::writeable | FS::userExecutable | FS::otherReadable | FS::otherWriteable },
+          FS::file | FS::readable | FS::writeable | FS::userExecutable | FS::otherReadable |
+              FS::otherWriteable },
         { S_IFDIR | 0020, 7, 1000, 1000, FS::directory | FS::writeable | FS::groupWriteable },
         { S_IFDIR | 0010, 7, 1000, 1000, FS::directory | FS::executable | FS::groupExecutable },
         { S_IFDIR | 0100, 1000, 5, 1000, FS::directory | FS::executable | FS::userExecutable },
@@ -255,7 +266,8 @@ TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
         { false, 0777, FS::readable, 0333 },
         { false, 0777, FS::writeable, 0555 },
         { false, 06777, FS::executable, 06666 },
-        { false, 0777, FS::userReadable | FS::groupWriteable | FS::otherExecutable | FS::file, 0777 },
+        { false, 0777, FS::userReadable | FS::groupWriteable | FS::otherExecutable | FS::file,
+          0777 },
     };
     const String pathname = makeFile( "x" );
     for ( const auto& row : rows ) {
@@ -282,7 +294,8 @@ TEST_F( FileSystemOnFolder, SizeAndTimeAreThoseOfTheFile )
     EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
     const timeval times[2] = { { 1, 0 }, { 1700000001, 999999 } };
     ASSERT_EQ( ::utimes( pathname.c_str(), times ), 0 );
-    EXPECT_EQ( FS::lastModifiedTime( pathname ), Utils::Time( 1700000001 * Utils::Time::nsPerSec ) );
+    EXPECT_EQ( FS::lastModifiedTime( pathname ),
+               Utils::Time( 1700000001 * Utils::Time::nsPerSec ) );
     EXPECT_EQ( FS::fileSize( path( "missing" ) ), 0u );
     EXPECT_EQ( FS::lastModifiedTime( path( "missing" ) ), Utils::Time( 0 ) );
     ourStatFault.arm( 1, EINTR );
@@ -352,7 +365,8 @@ TEST_F( FileSystemOnFolder, TemporaryFilesAreNewAndPrivate )
 
 TEST_F( FileSystemOnFolder, TemporaryDirectoryComesFromTheEnvironmentOfItsOwnUserAlone )
 {
-    ASSERT_TRUE( FS::createDirectory( path( "first" ) ) && FS::createDirectory( path( "second" ) ) );
+    ASSERT_TRUE( FS::createDirectory( path( "first" ) ) &&
+                 FS::createDirectory( path( "second" ) ) );
     ::setenv( "TMPDIR", path( "first" ).c_str(), 1 );
     ::setenv( "TMP", path( "second" ).c_str(), 1 );
     const auto directoryOf = []( uid_t euid, gid_t egid ) {
@@ -375,7 +389,9 @@ TEST_F( FileSystemOnFolder, TemporaryDirectoryComesFromTheEnvironmentOfItsOwnUse
 TEST_F( FileSystemOnFolder, KeyIsTheInodeNumberButNeverPrivate )
 {
     const String pathname = makeFile( "x" );
-    struct stat info{};
+    struct stat info
+    {
+    };
     ASSERT_EQ( ::stat( pathname.c_str(), &info ), 0 );
     EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), static_cast< key_t >( info.st_ino ) );
     EXPECT_EQ( FS::ftok( pathname.c_str(), 2 ), FS::ftok( pathname.c_str(), 1 ) );
@@ -404,7 +420,9 @@ TEST( UmaskScopes, CreatingThreadsAndForksLeaveTheRightUmask )
             const UmaskScope scope( mask );
             const std::string directory = folder.path( namePtr );
             EXPECT_EQ( ::mkdir( directory.c_str(), 0777 ), 0 );
-            struct stat info{};
+            struct stat info
+            {
+            };
             EXPECT_EQ( ::stat( directory.c_str(), &info ), 0 );
             EXPECT_EQ( info.st_mode & 0777, 0777 & ~mask );
             EXPECT_EQ( ::rmdir( directory.c_str() ), 0 );

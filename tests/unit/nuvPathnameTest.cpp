@@ -67,7 +67,9 @@ protected:
     }
     static mode_t modeOf( const Pathname& pathname )
     {
-        struct stat info{};
+        struct stat info
+        {
+        };
         EXPECT_EQ( ::stat( pathname.cStr(), &info ), 0 ) << pathname.str();
         return info.st_mode & 07777;
     }
@@ -118,9 +120,11 @@ TEST( PathnameText, JoinsNormalisedAndOnlyBelowAValidDirectory )
 TEST( PathnameText, InvalidAnswersNoToEverything )
 {
     const Pathname invalid;
-    EXPECT_FALSE( invalid.isValid() || invalid.exists() || invalid.isFile() || invalid.isDirectory() );
+    EXPECT_FALSE( invalid.isValid() || invalid.exists() || invalid.isFile() ||
+                  invalid.isDirectory() );
     EXPECT_FALSE( invalid.createDirectory() || invalid.remove() );
-    EXPECT_FALSE( invalid.setReadable( 1 ) || invalid.setWriteable( 2 ) || invalid.setExecutable( 4 ) );
+    EXPECT_FALSE( invalid.setReadable( 1 ) || invalid.setWriteable( 2 ) ||
+                  invalid.setExecutable( 4 ) );
     EXPECT_EQ( invalid.readableLevel() | invalid.writeableLevel() | invalid.executableLevel(), 0u );
     EXPECT_TRUE( invalid.begin() == invalid.end() );
     EXPECT_EQ( invalid.str(), "" );
@@ -259,9 +263,9 @@ TEST_F( PathnameOnFolder, LevelsAreThoseOfTheModeOrAllThree )
         EXPECT_EQ( at( "missing" ).readableLevel(), 0u );
         EXPECT_FALSE( at( "missing" ).setReadable( 1 ) );
         if ( ::setegid( 65534 ) != 0 || ::seteuid( 65534 ) != 0 )
-            return; // in a user namespace there is nobody else
-        EXPECT_EQ( pathname.readableLevel(), 7u );   // as one of the others
-        EXPECT_EQ( pathname.writeableLevel(), 1u );  // the user's alone
+            return;                                 // in a user namespace there is nobody else
+        EXPECT_EQ( pathname.readableLevel(), 7u );  // as one of the others
+        EXPECT_EQ( pathname.writeableLevel(), 1u ); // the user's alone
         EXPECT_EQ( pathname.executableLevel(), 7u );
     };
     const NuvTest::Outcome outcome = runInChild( body );
@@ -284,14 +288,16 @@ class SpecialPathnames : public PathnameOnFolder
 {
 protected:
     // The body runs with the folder as HOME and, where it can be had, this text as /etc/nuvs.conf.
-    void runWith( const char* etcConfPtr, const char* homeConfPtr, const std::function< void() >& body )
+    void runWith( const char* etcConfPtr, const char* homeConfPtr,
+                  const std::function< void() >& body )
     {
         const NuvTest::Outcome outcome = runInChild( [&] {
             ::setenv( "HOME", myFolder.path().c_str(), 1 );
             if ( homeConfPtr != nullptr )
                 NuvTest::writeFile( path( "nuvs.conf" ), homeConfPtr );
             if ( etcConfPtr != nullptr ) {
-                if ( ::unshare( CLONE_NEWNS ) != 0 || ::mount( "tmpfs", "/etc", "tmpfs", 0, "" ) != 0 )
+                if ( ::unshare( CLONE_NEWNS ) != 0 ||
+                     ::mount( "tmpfs", "/etc", "tmpfs", 0, "" ) != 0 )
                     std::exit( 77 );
                 NuvTest::writeFile( "/etc/nuvs.conf", etcConfPtr );
             }
@@ -318,7 +324,8 @@ TEST_F( SpecialPathnames, DefaultRootIsInTheHomeDirectoryWithItsSubdirectories )
         EXPECT_EQ( Pathname( Pathname::systemEtcDirectory ).str(), "/etc" );
         EXPECT_EQ( Pathname( Pathname::userHomeDirectory ).str(), myFolder.path() );
         EXPECT_EQ( Pathname( Pathname::ipcDirectory ), at( "ixoRoot/tmp/ipc" ) );
-        EXPECT_EQ( Pathname( Pathname::rootDirectory, "etc/log.conf" ), at( "ixoRoot/etc/log.conf" ) );
+        EXPECT_EQ( Pathname( Pathname::rootDirectory, "etc/log.conf" ),
+                   at( "ixoRoot/etc/log.conf" ) );
         EXPECT_EQ( Pathname( Pathname::ipcDirectory, "../x" ), at( "ixoRoot/tmp/x" ) );
     } );
 }
@@ -362,7 +369,8 @@ TEST_F( SpecialPathnames, ExecutableIsInvalidUntilSetAndMayBeReadMeanwhile )
             }
         } );
         for ( int i = 0; i < 1000; ++i )
-            Pathname::setPathnameOfExecutable( i % 2 == 0 ? "/bin/a-long-name-that-is-allocated" : "/bin/./b" );
+            Pathname::setPathnameOfExecutable( i % 2 == 0 ? "/bin/a-long-name-that-is-allocated"
+                                                          : "/bin/./b" );
         isOn = false;
         reader.join();
         EXPECT_EQ( Pathname( Pathname::executablePathname ).str(), "/bin/b" );

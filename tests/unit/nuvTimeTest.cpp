@@ -29,7 +29,8 @@ TEST( TimeConversion, KeepsMicrosecondsAndDropsTheRest )
         Time time( 77 );
         time.set( value );
         EXPECT_EQ( time.ns(), row.ns );
-        const timeval back = Time( row.ns + 999 - row.ns % 1000 - ( row.seconds > 18000000000 ? 500 : 0 ) );
+        const timeval back =
+            Time( row.ns + 999 - row.ns % 1000 - ( row.seconds > 18000000000 ? 500 : 0 ) );
         EXPECT_EQ( back.tv_sec, row.seconds );
         EXPECT_EQ( back.tv_usec, row.microseconds );
     }
@@ -77,8 +78,11 @@ TEST_F( MsTimerOnDevice, DecrementStopsAtZeroAndLeavesInfiniteAlone )
         std::uint32_t ms;
         std::uint32_t elapsedMs;
         std::uint32_t leftMs;
-    } rows[] = { { 10, 4, 6 },        { 10, 10, 0 }, { 10, 11, 0 },
-                 { 0, 1, 0 },         { MsTimer::infinite - 1, 1, MsTimer::infinite - 2 },
+    } rows[] = { { 10, 4, 6 },
+                 { 10, 10, 0 },
+                 { 10, 11, 0 },
+                 { 0, 1, 0 },
+                 { MsTimer::infinite - 1, 1, MsTimer::infinite - 2 },
                  { MsTimer::infinite, 50, MsTimer::infinite } };
     for ( const auto& row : rows ) {
         SCOPED_TRACE( row.ms );
@@ -97,7 +101,8 @@ std::uint32_t monotonicMs()
 {
     timespec now;
     ::clock_gettime( CLOCK_MONOTONIC, &now );
-    return static_cast< std::uint32_t >( now.tv_sec * std::int64_t{ 1000 } + now.tv_nsec / 1000000 );
+    return static_cast< std::uint32_t >( now.tv_sec * std::int64_t{ 1000 } +
+                                         now.tv_nsec / 1000000 );
 }
 
 TEST_F( MsTimerOnDevice, WithoutAReadingTheMonotonicClockServes )
@@ -119,10 +124,11 @@ TEST( CapabilityDeviceAbsent, EveryRequestFailsAndChangesNothing )
     if ( device.isOpen() )
         GTEST_SKIP() << "this machine has the capability device";
     std::uint32_t value = 5;
-    for ( const auto& request : { +[]( CapabilityDevice& d, std::uint32_t* ptr ) { return d.readCapabilities( ptr ); },
-                                  +[]( CapabilityDevice& d, std::uint32_t* ptr ) { return d.readClockMs( ptr ); },
-                                  +[]( CapabilityDevice& d, std::uint32_t* ) { return d.setCapabilities( 1 ); },
-                                  +[]( CapabilityDevice& d, std::uint32_t* ) { return d.setAffinity( 1 ); } } ) {
+    for ( const auto& request :
+          { +[]( CapabilityDevice&d, std::uint32_t*ptr ) { return d.readCapabilities( ptr ); },
+            +[]( CapabilityDevice&d, std::uint32_t*ptr ) { return d.readClockMs( ptr ); },
+            +[]( CapabilityDevice&d, std::uint32_t* ) { return d.setCapabilities( 1 ); },
+            +[]( CapabilityDevice&d, std::uint32_t* ) { return d.setAffinity( 1 ); } } ) {
         errno = 0;
         EXPECT_FALSE( request( device, &value ) );
         EXPECT_EQ( errno, ENODEV );

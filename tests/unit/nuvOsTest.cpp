@@ -1,0 +1,408 @@
+#include "nuvOs.h"
+
+#include "nuvTestSupport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <grp.h>
+#include <numeric>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// The process as the system is made to see it. It is needed before main, when the library drops the
+// effective user, so it comes from the environment: real id, effective id, number of the refused
+// switch.
+struct Identity
+{
+    Identity()
+    {
+        if ( const char* const textPtr = std::getenv( "NUV_TEST_IDENTITY" ) )
+            std::sscanf( textPtr, "%u %u %d", &real, &effective, &refused );
+        saved = effective;
+    }
+
+    unsigned int real = 1000;
+    unsigned int effective = 1000;
+    unsigned int saved;
+    int refused = 0;
+};
+
+Identity& process()
+{
+    static Identity identity;
+    return identity;
+}
+
+gid_t ourEgid = 1000;
+std::vector< gid_t > ourGroups;
+std::size_t ourNeededBytes = 0;
+int ourNbrOfLookUps = 0;
+std::string ourGroupName = "nuvs";
+NuvTest::Fault ourSwitchFault;
+uid_t ourObjectOwner = 0;
+std::vector< std::string > ourChanges; // of owners
+int ourChangeError = 0;
+
+int setEffective( uid_t uid )
+{
+    if ( ourSwitchFault.strikes() || --process().refused == 0 ) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if ( uid != process().real && uid != process().saved && process().effective != 0 ) {
+        errno = EPERM;
+        return -1;
+    }
+    process().effective = uid;
+    return 0;
+}
+
+int change( const std::string& what, uid_t owner, gid_t group )
+{
+    ourChanges.push_back( what + " " + std::to_string( static_cast< int >( owner ) ) + " " +
+                          std::to_string( group ) );
+    errno = ourChangeError;
+    return ourChangeError == 0 ? 0 : -1;
+}
+
+} // namespace
+
+// NOLINTBEGIN: the linker gives these names
+extern "C" {
+uid_t __wrap_getuid()
+{
+    return process().real;
+}
+uid_t __wrap_geteuid()
+{
+    return process().effective;
+}
+gid_t __wrap_getegid()
+{
+    return ourEgid;
+}
+int __wrap_seteuid( uid_t uid )
+{
+    return setEffective( uid );
+}
+int __wrap_setreuid( uid_t real, uid_t )
+{
+    if ( ourSwitchFault.strikes() )
+        return -1;
+    process().real = real;
+    process().saved = process().effective;
+    return 0;
+}
+int __wrap_getgroups( int size, gid_t* groupsPtr )
+{
+    const int count = static_cast< int >( ourGroups.size() );
+    if ( size == 0 )
+        return count;
+    if ( size < count ) {
+        errno = EINVAL;
+        return -1;
+    }
+    std::copy( ourGroups.begin(), ourGroups.end(), groupsPtr );
+    return count;
+}
+int __wrap_getgrnam_r( const char* namePtr, group* entryPtr, char*, size_t size,
+                       group** foundPtrPtr )
+{
+    ++ourNbrOfLookUps;
+    *foundPtrPtr = nullptr;
+    if ( ourNbrOfLookUps == 1 )
+        return EINTR;
+    if ( size < ourNeededBytes )
+        return ERANGE;
+    if ( namePtr != ourGroupName )
+        return 0;
+    entryPtr->gr_gid = 777;
+    *foundPtrPtr = entryPtr;
+    return 0;
+}
+int __wrap_fchown( int, uid_t owner, gid_t group )
+{
+    return change( "fd", owner, group );
+}
+int __wrap_lchown( const char* pathPtr, uid_t owner, gid_t group )
+{
+    return change( pathPtr, owner, group );
+}
+#ifdef __i386__
+#define NUV_WRAPPED( name ) __wrap___##name##64_time64
+#else
+#define NUV_WRAPPED( name ) __wrap_##name
+#endif
+int NUV_WRAPPED( fstat )( int, struct stat* statPtr )
+{
+    statPtr->st_uid = ourObjectOwner;
+    return 0;
+}
+int NUV_WRAPPED( lstat )( const char* pathPtr, struct stat* statPtr )
+{
+    statPtr->st_uid = ourObjectOwner;
+    return std::strcmp( pathPtr, "missing" ) == 0 ? -1 : 0;
+}
+}
+// NOLINTEND
+
+namespace Nuv::Utils {
+namespace {
+
+// Lets the calling test run in a fresh process that starts with this identity. @return whether this
+// is that process
+bool startedAs( const std::string& identity )
+{
+    if ( std::getenv( "NUV_TEST_IDENTITY" ) != nullptr )
+        return std::getenv( "NUV_TEST_IDENTITY" ) == identity;
+    const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter =
+        std::string( "--gtest_filter=" ) + test.test_suite_name() + "." + test.name();
+    const NuvTest::Outcome outcome = NuvTest::runProgram(
+        "/proc/self/exe", { { filter }, { "NUV_TEST_IDENTITY=" + identity } } );
+    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.output << outcome.errors;
+    EXPECT_NE( outcome.output.find( "[       OK ]" ), std::string::npos ) << outcome.output;
+    return false;
+}
+
+constexpr const char* ordinary = "1000 1000 0";
+constexpr const char* ofUser50 = "1000 50 0";
+constexpr const char* ofRoot = "1000 0 0";
+
+TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
+{
+    const struct
+    {
+        const char* identityPtr;
+        int state;
+        unsigned int owner;
+        unsigned int during;
+        unsigned int after;
+    } rows[] = { { ordinary, 0, 1000, 1000, 1000 },
+                 { ofUser50, 1, 50, 1000, 50 },
+                 { "1000 50 1", 2, 50, 50, 50 },
+                 { "1000 50 2", 1, 50, 1000, 1000 } }; // the way back is refused
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.identityPtr );
+        if ( !startedAs( row.identityPtr ) )
+            continue;
+        SetupEffectiveUserId& setup = *SetupEffectiveUserId::singletonPtr();
+        EXPECT_EQ( setup.state(), row.state );
+        EXPECT_EQ( setup.loginId(), 1000u );
+        EXPECT_EQ( setup.fileOwnerId(), row.owner );
+        EXPECT_EQ( process().effective, row.during );
+        if ( row.state != 1 ) {
+            Suid suid;
+            EXPECT_TRUE( suid.euidToFileOwner() );
+            suid.euidToLogin();
+            EXPECT_EQ( process().effective, row.during );
+            EXPECT_EQ( Suid::nbrOfSwitches(), 0u );
+        }
+        setup.deinit();
+        EXPECT_EQ( process().effective, row.after );
+    }
+}
+
+TEST( SuidProgram, ScopesNestAndEndInTheirDestructors )
+{
+    if ( !startedAs( ofUser50 ) )
+        return;
+    {
+        Suid outer;
+        EXPECT_TRUE( outer.euidToFileOwner() );
+        EXPECT_TRUE( outer.euidToFileOwner() ); // the first one's id stays the saved one
+        EXPECT_EQ( process().effective, 50u );
+        {
+            Suid inner;
+            EXPECT_TRUE( inner.euidToFileOwner() );
+        }
+        EXPECT_EQ( process().effective, 50u );
+        outer.euidToLogin();
+        EXPECT_EQ( process().effective, 1000u );
+        outer.euidToLogin(); // nothing is saved any more
+        EXPECT_TRUE( outer.euidToFileOwner() );
+    }
+    EXPECT_EQ( process().effective, 1000u );
+    EXPECT_EQ( Suid::nbrOfSwitches(), 4u );
+}
+
+TEST( SuidProgram, OverlappingScopesNeverLeaveTheOwnersRights )
+{
+    if ( !startedAs( ofUser50 ) )
+        return;
+    Suid first;
+    Suid second;
+    EXPECT_TRUE( first.euidToFileOwner() );
+    EXPECT_TRUE( second.euidToFileOwner() ); // as another thread would
+    first.euidToLogin();
+    EXPECT_EQ( process().effective, 1000u );
+    second.euidToLogin();
+    EXPECT_EQ( process().effective, 1000u );
+}
+
+TEST( SuidProgram, RefusedSwitchIsToldAndTheWayBackStaysOpen )
+{
+    if ( !startedAs( ofUser50 ) )
+        return;
+    Suid suid;
+    ourSwitchFault.arm( 1, EAGAIN );
+    EXPECT_FALSE( suid.euidToFileOwner() );
+    EXPECT_EQ( process().effective, 1000u );
+    EXPECT_TRUE( suid.euidToFileOwner() );
+    ourSwitchFault.arm( 1, EAGAIN );
+    suid.euidToLogin();
+    EXPECT_EQ( process().effective, 50u );
+    suid.euidToLogin(); // tries again
+    EXPECT_EQ( process().effective, 1000u );
+}
+
+TEST( SuperUserScope, NeedsAProgramOfRoot )
+{
+    for ( const char* identityPtr : { ordinary, ofUser50 } ) {
+        if ( !startedAs( identityPtr ) )
+            continue;
+        SuperUser root( SuperUser::effectiveOnly );
+        EXPECT_FALSE( root.enter() );
+        EXPECT_EQ( process().effective, 1000u );
+    }
+    if ( startedAs( "0 0 0" ) ) { // the superuser itself, without set-user-id
+        SuperUser root( SuperUser::realToo );
+        EXPECT_TRUE( root.enter() );
+    }
+}
+
+TEST( SuperUserScope, TakesTheRealUserAlongOnDemandAndGivesBothBack )
+{
+    if ( !startedAs( ofRoot ) )
+        return;
+    {
+        SuperUser root( SuperUser::effectiveOnly );
+        EXPECT_TRUE( root.enter() );
+        EXPECT_EQ( process().effective, 0u );
+        EXPECT_EQ( process().real, 1000u );
+    }
+    EXPECT_EQ( process().effective, 1000u );
+    {
+        SuperUser root( SuperUser::realToo );
+        EXPECT_TRUE( root.enter() );
+        EXPECT_TRUE( root.enter() );
+        EXPECT_EQ( process().real, 0u );
+        root.exit();
+        EXPECT_EQ( process().real, 1000u );
+        EXPECT_EQ( process().effective, 1000u );
+        ourSwitchFault.arm( 2, EPERM ); // that of the real id
+        EXPECT_FALSE( root.enter() );
+        EXPECT_EQ( process().effective, 0u );
+    }
+    EXPECT_EQ( process().effective, 1000u );
+    EXPECT_EQ( process().real, 1000u );
+}
+
+TEST( SecuritySettings, ModeAndUmaskComeFromThePermissions )
+{
+    const struct
+    {
+        unsigned int permissions;
+        mode_t mode;
+        mode_t umask;
+    } rows[] = { { 0, 0, 022 },    { 1, 0, 022 },  { 2, 0600, 022 }, { 4, 0060, 002 },
+                 { 6, 0660, 002 }, { 8, 0006, 0 }, { 10, 0606, 0 },  { 14, 0666, 0 } };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.permissions );
+        const SecurityInfo info( SecurityInfo::fileObject, row.permissions );
+        EXPECT_EQ( info.mode(), row.mode );
+        EXPECT_EQ( info.umask(), row.umask );
+    }
+}
+
+mode_t currentUmask()
+{
+    const mode_t mask = ::umask( 0 );
+    ::umask( mask );
+    return mask;
+}
+
+TEST( SecuritySettings, UmaskIsAppliedOnceAndRestoredByTheDestructor )
+{
+    const mode_t savedMask = ::umask( 077 );
+    {
+        SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
+        info.restoreUmask();
+        EXPECT_EQ( currentUmask(), 077u );
+        info.applyUmask();
+        info.applyUmask();
+        EXPECT_EQ( currentUmask(), 002u );
+        info.restoreUmask();
+        EXPECT_EQ( currentUmask(), 077u );
+        info.applyUmask();
+    }
+    EXPECT_EQ( ::umask( savedMask ), 077u );
+}
+
+gid_t groupId()
+{
+    return SecurityInfo( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup ).groupId();
+}
+
+TEST( SecuritySettings, GroupIsTheApplicationsForItsMembersOnly )
+{
+    if ( !startedAs( ordinary ) )
+        return;
+    ourNeededBytes = 3000000; // a group of very many members
+    ourGroups.resize( 65536 );
+    std::iota( ourGroups.begin(), ourGroups.end(), 1000000 );
+    EXPECT_EQ( groupId(), 1000u );
+    ourGroups.back() = 777;
+    const int nbrOfLookUps = ourNbrOfLookUps;
+    EXPECT_EQ( groupId(), 777u );
+    EXPECT_EQ( ourNbrOfLookUps, nbrOfLookUps ); // known by now
+    ourGroups.clear();
+    EXPECT_EQ( groupId(), 1000u );
+}
+
+TEST( SecuritySettings, GroupIsLookedUpAgainUntilItExists )
+{
+    if ( !startedAs( ordinary ) )
+        return;
+    NuvTest::writeFile( NuvTest::RootFixture::root( "nuvs.conf" ), "groupName = appliance" );
+    ourGroups = { 777 };
+    EXPECT_EQ( groupId(), 1000u );
+    ourGroupName = "appliance";
+    ourNeededBytes = static_cast< std::size_t >( -1 ); // never enough: given up
+    EXPECT_EQ( groupId(), 1000u );
+    ourNeededBytes = 0;
+    EXPECT_EQ( groupId(), 777u );
+    ::unlink( NuvTest::RootFixture::root( "nuvs.conf" ).c_str() );
+}
+
+TEST( SecuritySettings, GroupIsGivenToOwnObjectsOnly )
+{
+    if ( !startedAs( ordinary ) )
+        return;
+    ourGroups = { 777 };
+    const SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
+    ourObjectOwner = 51;
+    info.applyGroupOwnership( 0 );
+    info.applyGroupOwnership( "x" );
+    EXPECT_TRUE( ourChanges.empty() );
+    ourObjectOwner = 1000;
+    info.applyGroupOwnership( 0 );
+    info.applyGroupOwnership( "x" );
+    info.applyGroupOwnership( "missing" );
+    EXPECT_EQ( ourChanges, ( std::vector< std::string >{ "fd -1 777", "x -1 777" } ) );
+    ourChangeError = EPERM;
+    EXPECT_THROW( info.applyGroupOwnership( 0 ), LogicException );
+    EXPECT_THROW( info.applyGroupOwnership( "x" ), LogicException );
+    ourChanges.clear();
+    ourEgid = 777; // is the effective group already
+    info.applyGroupOwnership( 0 );
+    info.applyGroupOwnership( "x" );
+    EXPECT_TRUE( ourChanges.empty() );
+}
+
+} // namespace
+} // namespace Nuv::Utils
