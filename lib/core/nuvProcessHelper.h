@@ -3,6 +3,7 @@
 #include "nuvBuffer.h"
 
 #include <string>
+#include <sys/types.h>
 
 namespace Nuv::Utils {
 
@@ -45,6 +46,7 @@ private:
     void execute();
 
     bool myRestart = false;
+    pid_t myPid = -1; // of the process that asked for the restart
     std::string myCommand;
     Buffer myArgs;
 };

@@ -77,7 +77,7 @@ TEST_F( Isolation, ChildrenAreCollectedByStatusSignalTextAndTimeout )
     EXPECT_EQ( failed.exitStatus(), 2 );
     EXPECT_EQ( failed.errors, "exception: out of order\n" );
 
-    EXPECT_EQ( runInChild( [] { ::raise( SIGTERM ); } ).signal(), SIGTERM );
+    EXPECT_EQ( runInChild( [] { ::raise( SIGKILL ); } ).signal(), SIGKILL );
     EXPECT_EQ( runProgram( root( "missing" ) ).exitStatus(), 127 );
 
     const Outcome late = runInChild( [] { ::pause(); }, std::chrono::milliseconds( 20 ) );

@@ -1,0 +1,151 @@
+#include "nuvTestSupport.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace NuvTest;
+
+std::set< std::string > namesIn( const std::string& directory )
+{
+    std::set< std::string > names;
+    for ( const auto& entry : std::filesystem::directory_iterator( directory ) )
+        names.insert( entry.path().filename() );
+    return names;
+}
+
+// The value of a line "NAME:\tVALUE" of /proc/PID/status.
+std::string statusOf( pid_t pid, const std::string& name )
+{
+    std::ifstream stream( "/proc/" + std::to_string( pid ) + "/status" );
+    std::string line;
+    while ( std::getline( stream, line ) ) {
+        if ( line.compare( 0, name.size() + 2, name + ":\t" ) == 0 )
+            return line.substr( name.size() + 2 );
+    }
+    return "";
+}
+
+int nbrOfSystemVObjects()
+{
+    int count = 0;
+    for ( const char* kindPtr : { "sem", "shm", "msg" } ) {
+        const std::string text = readFile( std::string( "/proc/sysvipc/" ) + kindPtr );
+        count += static_cast< int >( std::count( text.begin(), text.end(), '\n' ) ) - 1;
+    }
+    return count;
+}
+
+// The probe without the descriptors that this test inherited.
+void executeIdleProbe()
+{
+    ::close_range( 3, ~0U, 0 );
+    ::execl( program( "idleProbe" ).c_str(), "idleProbe", nullptr );
+    ::_exit( 127 );
+}
+
+} // namespace
+
+TEST( LibraryStartup, ProgramThatNeverCallsPaysNothing )
+{
+    const auto before = namesIn( RootFixture::root() );
+    const int nbrOfObjects = nbrOfSystemVObjects();
+    ChildProcess probe( &executeIdleProbe );
+    ASSERT_EQ( probe.readLine(), "up" );
+    const std::string directory = "/proc/" + std::to_string( probe.pid() );
+    EXPECT_EQ( namesIn( directory + "/fd" ), ( std::set< std::string >{ "0", "1", "2" } ) );
+    EXPECT_EQ( namesIn( directory + "/task" ).size(), 1u );
+    EXPECT_EQ( namesIn( RootFixture::root() ), before );
+    EXPECT_EQ( nbrOfSystemVObjects(), nbrOfObjects );
+    probe.closeInput();
+    EXPECT_EQ( probe.wait().exitStatus(), 0 );
+    EXPECT_EQ( namesIn( RootFixture::root() ), before );
+}
+
+TEST( LibraryStartup, InterruptSignalsAreBlockedInTheFirstThreadAndOthersAreNot )
+{
+    std::uint64_t expected = 0;
+    for ( const int sig : { SIGHUP, SIGINT, SIGUSR1, SIGUSR2, SIGQUIT, SIGCONT, SIGTTIN, SIGTTOU,
+                            SIGTERM, SIGCHLD, SIGPIPE, SIGALRM, SIGIO, SIGURG, SIGPWR } )
+        expected |= std::uint64_t{ 1 } << ( sig - 1 );
+    ChildProcess probe( &executeIdleProbe );
+    ASSERT_EQ( probe.readLine(), "up" );
+    EXPECT_EQ( std::stoull( statusOf( probe.pid(), "SigBlk" ), nullptr, 16 ), expected );
+    probe.closeInput();
+    EXPECT_EQ( probe.wait().exitStatus(), 0 );
+}
+
+TEST( ProcessRestart, ExecutesTheCommandAtExitWithItsArgumentsAndStandardStreamsAlone )
+{
+    const std::string self = program( "restartProbe" );
+    const Outcome outcome = runProgram( self, { { self, "name", "show", "", "b c", "" }, {} } );
+    EXPECT_EQ( outcome.output, "name|show||b c||closed\n" );
+    EXPECT_EQ( outcome.exitStatus(), 0 );
+    // Without arguments the command is its own name.
+    const Outcome bare = runProgram( self, { { "/bin/pwd" }, {} } );
+    EXPECT_EQ( bare.exitStatus(), 0 ) << bare.errors;
+    EXPECT_EQ( bare.output, std::filesystem::current_path().string() + "\n" );
+}
+
+TEST( ProcessRestart, FailedCommandIsToldOnceAndTheExitGoesOn )
+{
+    const Outcome outcome = runProgram( program( "restartProbe" ), { { "/no/such", "a" }, {} } );
+    EXPECT_EQ( outcome.errors, "processAtExit() execv failed for Command: /no/such\n" );
+    EXPECT_EQ( outcome.exitStatus(), 3 );
+}
+
+// Needs several real users, so real root.
+class SetUserIdProgram : public ::testing::Test
+{
+protected:
+    static constexpr uid_t loginId = 1000;
+
+    // Runs the probe, installed set-user-id by this owner, as the login user.
+    static void run( uid_t owner, const std::string& expected )
+    {
+        const TemporaryFolder folder;
+        const std::string installed = folder.path( "suidProbe" );
+        ASSERT_EQ( ::chmod( folder.path().c_str(), 0777 ), 0 );
+        std::filesystem::copy_file( program( "suidProbe" ), installed );
+        if ( ::geteuid() != 0 || ::chown( installed.c_str(), owner, owner ) != 0 )
+            GTEST_SKIP() << "needs real root: several user ids";
+        ASSERT_EQ( ::chmod( installed.c_str(), 04755 ), 0 );
+        const std::string made = folder.path( "made" );
+        const Outcome outcome = runInChild( [&] {
+            ::setenv( "ASAN_OPTIONS", "detect_leaks=0",
+                      1 ); // not possible in a set-user-id program
+            if ( ::setgid( loginId ) == 0 && ::setuid( loginId ) == 0 )
+                ::execl( installed.c_str(), installed.c_str(), made.c_str(), nullptr );
+            ::_exit( 127 );
+        } );
+        if ( outcome.exitStatus() == 127 )
+            GTEST_SKIP() << "other users cannot read the library where it was built: "
+                         << outcome.errors;
+        EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+        EXPECT_EQ( outcome.output, expected );
+        struct stat info
+        {
+        };
+        EXPECT_EQ( ::stat( made.c_str(), &info ), 0 );
+        EXPECT_EQ( info.st_uid, owner );
+    }
+};
+
+TEST_F( SetUserIdProgram, OfAnotherUserHasItsRightsInScopesAndAtTheEnd )
+{
+    run( 4711, "main 1000 1000\n1\nsuid 1000 4711\nafter 1000 1000\n"
+               "0\nsuper 1000 1000\nafter 1000 1000\n4711\n" );
+}
+
+TEST_F( SetUserIdProgram, OfRootBecomesSuperuserInScopes )
+{
+    run( 0, "main 1000 1000\n1\nsuid 1000 0\nafter 1000 1000\n"
+            "1\nsuper 0 0\nafter 1000 1000\n0\n" );
+}
