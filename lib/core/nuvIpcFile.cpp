@@ -1,6 +1,5 @@
 #include "nuvIpcFile.h"
 
-#include "nuvMutex.h"
 #include "nuvOs.h"
 #include "nuvPathname.h"
 #include "nuvUtils.h"
@@ -11,31 +10,6 @@
 
 namespace Nuv::Io::IpcFile {
 
-namespace {
-
-// A leaf of the lock order: no other lock is taken while it is held.
-Mt::Mutex ourUmaskMutex;
-
-class UmaskScope
-{
-public:
-    explicit UmaskScope( Utils::SecurityInfo& security )
-        : myLock( ourUmaskMutex )
-        , mySecurity( security )
-    {
-        mySecurity.applyUmask();
-    }
-    UmaskScope( const UmaskScope& ) = delete;
-    UmaskScope& operator=( const UmaskScope& ) = delete;
-    ~UmaskScope() { mySecurity.restoreUmask(); }
-
-private:
-    const Mt::MutexLock myLock;
-    Utils::SecurityInfo& mySecurity;
-};
-
-} // namespace
-
 std::string keyFilePathname( const char* prefixPtr, const std::string& name )
 {
     std::string fileName = prefixPtr + name;
@@ -45,10 +19,11 @@ std::string keyFilePathname( const char* prefixPtr, const std::string& name )
 
 bool createKeyFile( const char* pathPtr, Utils::SecurityInfo& security )
 {
-    const UmaskScope umaskScope( security );
+    security.applyUmask();
     const Utils::Handle file( Utils::retryOnEintr( [&] {
         return ::open( pathPtr, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, security.mode() );
     } ) );
+    security.restoreUmask();
     if ( !file.isValid() )
         return false;
     security.applyGroupOwnership( file.fd() );
@@ -57,8 +32,10 @@ bool createKeyFile( const char* pathPtr, Utils::SecurityInfo& security )
 
 bool createFifo( const char* pathPtr, Utils::SecurityInfo& security )
 {
-    const UmaskScope umaskScope( security );
-    if ( ::mkfifo( pathPtr, security.mode() ) != 0 )
+    security.applyUmask();
+    const bool isCreated = ::mkfifo( pathPtr, security.mode() ) == 0;
+    security.restoreUmask();
+    if ( !isCreated )
         return false;
     security.applyGroupOwnership( pathPtr );
     return true;

@@ -137,10 +137,12 @@ void createCoreDirectory( const Io::Pathname& directory )
     if ( directory.isDirectory() )
         return;
     Utils::SecurityInfo info( Utils::SecurityInfo::fileObject, Utils::SecurityInfo::ownerAndGroup );
-    info.applyUmask();
     for ( const Io::Pathname& pathname :
           { Io::Pathname( Io::Pathname::rootDirectory, "core" ), directory } ) {
-        if ( ::mkdir( pathname.cStr(), 0770 ) == 0 )
+        info.applyUmask();
+        const bool isCreated = ::mkdir( pathname.cStr(), 0770 ) == 0;
+        info.restoreUmask();
+        if ( isCreated )
             info.applyGroupOwnership( pathname.cStr() );
     }
 }

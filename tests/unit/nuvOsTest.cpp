@@ -1,5 +1,6 @@
 #include "nuvOs.h"
 
+#include "nuvLogCapture.h"
 #include "nuvTestSupport.h"
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <grp.h>
 #include <numeric>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -43,7 +45,7 @@ std::size_t ourNeededBytes = 0;
 int ourNbrOfLookUps = 0;
 std::string ourGroupName = "nuvs";
 NuvTest::Fault ourSwitchFault;
-uid_t ourObjectOwner = 0;
+std::optional< uid_t > ourObjectOwner;
 std::vector< std::string > ourChanges; // of owners
 int ourChangeError = 0;
 
@@ -133,19 +135,23 @@ int __wrap_lchown( const char* pathPtr, uid_t owner, gid_t group )
     return change( pathPtr, owner, group );
 }
 #ifdef __i386__
-#define NUV_WRAPPED( name ) __wrap___##name##64_time64
+#define NUV_STAT( prefix, name ) prefix##__##name##64_time64
 #else
-#define NUV_WRAPPED( name ) __wrap_##name
+#define NUV_STAT( prefix, name ) prefix##name
 #endif
-int NUV_WRAPPED( fstat )( int, struct stat* statPtr )
+int NUV_STAT( __real_, fstat )( int, struct stat* );
+int NUV_STAT( __wrap_, fstat )( int fd, struct stat* statPtr )
 {
-    statPtr->st_uid = ourObjectOwner;
-    return 0;
+    const int result = NUV_STAT( __real_, fstat )( fd, statPtr );
+    statPtr->st_uid = ourObjectOwner.value_or( statPtr->st_uid );
+    return result;
 }
-int NUV_WRAPPED( lstat )( const char* pathPtr, struct stat* statPtr )
+int NUV_STAT( __real_, lstat )( const char*, struct stat* );
+int NUV_STAT( __wrap_, lstat )( const char* pathPtr, struct stat* statPtr )
 {
-    statPtr->st_uid = ourObjectOwner;
-    return std::strcmp( pathPtr, "missing" ) == 0 ? -1 : 0;
+    const int result = NUV_STAT( __real_, lstat )( pathPtr, statPtr );
+    statPtr->st_uid = ourObjectOwner.value_or( statPtr->st_uid );
+    return result;
 }
 }
 // NOLINTEND
@@ -182,10 +188,11 @@ TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
         unsigned int owner;
         unsigned int during;
         unsigned int after;
-    } rows[] = { { ordinary, 0, 1000, 1000, 1000 },
-                 { ofUser50, 1, 50, 1000, 50 },
-                 { "1000 50 1", 2, 50, 50, 50 },
-                 { "1000 50 2", 1, 50, 1000, 1000 } }; // the way back is refused
+        bool isLogged;
+    } rows[] = { { ordinary, 0, 1000, 1000, 1000, false },
+                 { ofUser50, 1, 50, 1000, 50, false },
+                 { "1000 50 1", 2, 50, 50, 50, false },
+                 { "1000 50 2", 1, 50, 1000, 1000, true } }; // the way back is refused
     for ( const auto& row : rows ) {
         SCOPED_TRACE( row.identityPtr );
         if ( !startedAs( row.identityPtr ) )
@@ -202,8 +209,13 @@ TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
             EXPECT_EQ( process().effective, row.during );
             EXPECT_EQ( Suid::nbrOfSwitches(), 0u );
         }
+        const Log::Capture capture;
         setup.deinit();
         EXPECT_EQ( process().effective, row.after );
+        EXPECT_EQ(
+            capture.contains( "errSystemError SetupEffectiveUserId::deinit() could not restore "
+                              "fileOwnersId. 50" ),
+            row.isLogged );
     }
 }
 
@@ -254,7 +266,9 @@ TEST( SuidProgram, RefusedSwitchIsToldAndTheWayBackStaysOpen )
     EXPECT_EQ( process().effective, 1000u );
     EXPECT_TRUE( suid.euidToFileOwner() );
     ourSwitchFault.arm( 1, EAGAIN );
+    const Log::Capture capture;
     suid.euidToLogin();
+    EXPECT_TRUE( capture.contains( "errSystemError Could not set user id back from 50" ) );
     EXPECT_EQ( process().effective, 50u );
     suid.euidToLogin(); // tries again
     EXPECT_EQ( process().effective, 1000u );
@@ -294,9 +308,16 @@ TEST( SuperUserScope, TakesTheRealUserAlongOnDemandAndGivesBothBack )
         root.exit();
         EXPECT_EQ( process().real, 1000u );
         EXPECT_EQ( process().effective, 1000u );
+        const Log::Capture capture;
         ourSwitchFault.arm( 2, EPERM ); // that of the real id
         EXPECT_FALSE( root.enter() );
+        EXPECT_TRUE( capture.contains( "errPermissionDenied Could not set ruid to 0" ) );
         EXPECT_EQ( process().effective, 0u );
+        EXPECT_TRUE( root.enter() );
+        ourSwitchFault.arm( 1, EPERM );
+        root.exit();
+        EXPECT_TRUE( capture.contains( "errSystemError Could not set ruid back to 1000" ) );
+        process().real = 1000;
     }
     EXPECT_EQ( process().effective, 1000u );
     EXPECT_EQ( process().real, 1000u );
@@ -383,6 +404,7 @@ TEST( SecuritySettings, GroupIsGivenToOwnObjectsOnly )
 {
     if ( !startedAs( ordinary ) )
         return;
+    NuvTest::writeFile( "./x", "" );
     ourGroups = { 777 };
     const SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
     ourObjectOwner = 51;
