@@ -204,7 +204,7 @@ void bus()
 // The links of a freed block are broken, so the next allocation dies within malloc, its arena locked.
 void insideMalloc()
 {
-    void** const blockPtr = static_cast< void** >( std::malloc( 5000 ) );
+    void** volatile blockPtr = static_cast< void** >( std::malloc( 5000 ) );
     void* const keeperPtr = std::malloc( 5000 );
     std::free( blockPtr );
     blockPtr[1] = reinterpret_cast< void* >( 16 );
