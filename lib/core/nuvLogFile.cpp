@@ -262,19 +262,25 @@ void LogFileReader::load()
     myPosition = 0;
     myIsInLine = false;
     myHasMarker = findMarker( myFile, &size ).has_value() && takeSnapshot( &mySnapshot, &marker );
-    if ( !myHasMarker )
-        return;
-    myPosition = marker;
-    addRest( mySnapshot, marker + endOfFileMarker.size() );
+    if ( myHasMarker )
+        addAll( marker );
+}
+
+/// Adds what the snapshot holds, in the order of time.
+void LogFileReader::addAll( std::size_t marker )
+{
+    addRest( mySnapshot, marker + endOfFileMarker.size(), true );
     addLines( std::string_view( mySnapshot ).substr( 0, marker ), false );
+    myPosition = marker;
 }
 
 /// @return false if there is no marker at this moment, as when a lap is just ending
-bool LogFileReader::takeSnapshot( std::string* bytesPtr, std::size_t* markerPtr ) const
+bool LogFileReader::takeSnapshot( std::string* bytesPtr, std::size_t* markerPtr )
 {
     struct stat status;
     if ( !isRegularFile( myFile, &status ) )
         return false;
+    myModified = status.st_mtim;
     bytesPtr->resize( static_cast< std::size_t >( status.st_size ) );
     bytesPtr->resize( readAt( myFile, bytesPtr->data(), bytesPtr->size(), 0 ) );
     *markerPtr = findMarker( *bytesPtr );
@@ -318,50 +324,65 @@ void LogFileReader::pollWrapped()
 {
     char bytes[ourMarkerText.size()];
     const std::size_t count = readAt( myFile, bytes, sizeof( bytes ), myPosition );
-    if ( std::string_view( bytes, count ) == ourMarkerText )
+    if ( std::string_view( bytes, count ) == ourMarkerText && !isModified() )
         return;
-    std::string now;
+    const std::string before = std::move( mySnapshot );
     std::size_t marker = 0;
-    if ( !takeSnapshot( &now, &marker ) || marker == myPosition )
+    if ( !takeSnapshot( &mySnapshot, &marker ) ) {
+        mySnapshot = before;
         return;
+    }
+    const std::string_view now = mySnapshot;
     const auto begin = static_cast< std::size_t >( myPosition );
-    const std::string_view text = now;
-    const std::size_t end = marker > begin ? marker : lapEnd( text );
-    addLines( text.substr( begin, end - begin ), begin != 0 && text[begin - 1] != '\n' );
-    if ( marker < begin )
-        addLines( text.substr( 0, marker ), false );
+    if ( marker < begin ) {
+        const std::size_t first = std::max( begin, marker + endOfFileMarker.size() );
+        const bool beginsInLine = first != begin || now[begin - 1] != '\n';
+        addRest( now.substr( 0, lapEnd( now, before ) ), first, beginsInLine );
+        addLines( now.substr( 0, marker ), false );
+    } else if ( now.substr( 0, begin ) == std::string_view( before ).substr( 0, begin ) ) {
+        addLines( now.substr( begin, marker - begin ), false );
+    } else {
+        addAll( marker ); // written anew, or more than a lap on
+    }
     myPosition = marker;
-    mySnapshot = std::move( now );
 }
 
 /// Where the lap has ended that went on at myPosition: what stands at the end of the file as it did
 /// before is left from an earlier lap.
-std::size_t LogFileReader::lapEnd( std::string_view bytes ) const
+std::size_t LogFileReader::lapEnd( std::string_view now, std::string_view before ) const
 {
     const auto begin = static_cast< std::size_t >( myPosition );
-    if ( bytes.size() != mySnapshot.size() )
-        return bytes.size();
-    std::size_t end = bytes.size();
-    while ( end > begin && bytes[end - 1] == mySnapshot[end - 1] )
+    if ( now.size() != before.size() )
+        return now.size();
+    std::size_t end = now.size();
+    while ( end > begin && now[end - 1] == before[end - 1] )
         --end;
     // The last bytes of the lap may be equal by chance, its last line feed too.
-    const std::size_t lineFeed = bytes.find( '\n', end > begin ? end - 1 : begin );
-    return lineFeed == std::string_view::npos ? bytes.size() : lineFeed + 1;
+    const std::size_t lineFeed = now.find( '\n', end > begin ? end - 1 : begin );
+    return lineFeed == std::string_view::npos ? now.size() : lineFeed + 1;
 }
 
-/// Adds what stands behind the marker: the older lap.
-void LogFileReader::addRest( std::string_view bytes, std::size_t begin )
+/// Whether the file was written to since the last look.
+bool LogFileReader::isModified() const
+{
+    struct stat status;
+    return isRegularFile( myFile, &status ) && ( status.st_mtim.tv_sec != myModified.tv_sec ||
+                                                 status.st_mtim.tv_nsec != myModified.tv_nsec );
+}
+
+/// Adds what stands at begin and behind up to the end of a lap.
+void LogFileReader::addRest( std::string_view bytes, std::size_t begin, bool beginsInLine )
 {
     bool isLapEnded = false;
     for ( std::size_t pos = begin; pos < bytes.size(); ) {
         const std::size_t lineFeed = bytes.find( '\n', pos );
         const std::size_t end = lineFeed == std::string_view::npos ? bytes.size() : lineFeed + 1;
         const std::string_view piece = bytes.substr( pos, end - pos );
-        // What a short message at the lap's end has left of the marker.
-        const bool isMarkerRest = piece.size() > 1 && endOfFileMarker.ends_with( piece ) &&
-                                  ( isLapEnded || end == bytes.size() );
+        // What a message at the end of a lap has left of the marker; an empty line may be that.
+        const bool isMarkerRest =
+            endOfFileMarker.ends_with( piece ) && ( isLapEnded || end == bytes.size() );
         if ( !isMarkerRest )
-            addLines( piece, isLapEnded || pos == begin );
+            addLines( piece, isLapEnded || ( beginsInLine && pos == begin ) );
         isLapEnded = isLapEnded || ( myMaxSize != 0 && end > myMaxSize );
         pos = end;
     }
@@ -412,8 +433,7 @@ void LogFileReader::pollBegin()
 {
     struct stat status;
     std::size_t marker = 0;
-    if ( !isRegularFile( myFile, &status ) || ( status.st_mtim.tv_sec == myModified.tv_sec &&
-                                                status.st_mtim.tv_nsec == myModified.tv_nsec ) )
+    if ( !isModified() || !isRegularFile( myFile, &status ) )
         return;
     myModified = status.st_mtim;
     std::uint64_t size = 0;

@@ -143,9 +143,11 @@ private:
     void pollWrapped();
     void pollPlain();
     void pollBegin();
-    bool takeSnapshot( std::string* bytesPtr, std::size_t* markerPtr ) const;
-    std::size_t lapEnd( std::string_view bytes ) const;
-    void addRest( std::string_view bytes, std::size_t begin );
+    bool takeSnapshot( std::string* bytesPtr, std::size_t* markerPtr );
+    void addAll( std::size_t marker );
+    bool isModified() const;
+    std::size_t lapEnd( std::string_view now, std::string_view before ) const;
+    void addRest( std::string_view bytes, std::size_t begin, bool beginsInLine );
     void addLines( std::string_view text, bool beginsInLine );
 
     std::string myPathname;
@@ -158,7 +160,7 @@ private:
     std::uint64_t myPosition = 0; // of the marker as last seen; of the first byte not yet read
     std::string mySnapshot;       // of a file with a marker, as last seen
     bool myIsInLine = false;      // of a file without: a piece of the line at myPosition was given
-    timespec myModified = {};     // of a file without
+    timespec myModified = {};     // when last looked at
 };
 
 } // namespace Nuv::Log
