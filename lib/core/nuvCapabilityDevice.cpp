@@ -23,6 +23,8 @@ constexpr unsigned long setCapabilitiesRequest = 0x40046B02;
 constexpr unsigned long readCapabilitiesRequest = 0x80046B05;
 constexpr unsigned long readClockRequest = 0x80046B06;
 constexpr unsigned long setAffinityRequest = 0x40046B08;
+constexpr unsigned long identityChangeRequest = 0x6B04;
+constexpr const char* devicePathname = "/dev/nuvmodcap";
 
 std::atomic< CapabilityDevice* > ourSubstitutePtr = nullptr;
 
@@ -60,12 +62,25 @@ public:
         return request( setAffinityRequest, static_cast< unsigned long >( mask ) );
     }
 
+    void prepareIdentityChange( bool toSuperuser ) noexcept override
+    {
+        const int fd = ::open( devicePathname, O_RDONLY | O_CLOEXEC | O_NOCTTY );
+        if ( fd < 0 )
+            return;
+        std::uint32_t block[4] = { 1, 0, 0, 0 };
+        ::ioctl( fd, identityChangeRequest, block );
+        std::uint32_t superuserBlock[4] = { 1, 128, 128, 0 };
+        if ( toSuperuser )
+            ::ioctl( fd, setCapabilitiesRequest, superuserBlock );
+        ::close( fd );
+    }
+
 private:
     friend class Singleton< ModCapDevice >;
 
     ModCapDevice()
         : ourModCapFd( retryOnEintr(
-              [] { return ::open( "/dev/nuvmodcap", O_RDONLY | O_CLOEXEC | O_NOCTTY ); } ) )
+              [] { return ::open( devicePathname, O_RDONLY | O_CLOEXEC | O_NOCTTY ); } ) )
     {
     }
     ~ModCapDevice() override

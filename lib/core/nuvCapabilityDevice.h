@@ -20,6 +20,8 @@ namespace Nuv::Utils {
 /// | 0x40046B02 | block { 1, set, set, 0 }                         | setCapabilities  |
 /// | 0x80046B06 | block { 1, ms }; the clock comes in word 1       | readClockMs      |
 /// | 0x40046B08 | the mask itself, by value                        | setAffinity      |
+/// | 0x6B04     | block { 1, 0, 0, 0 }                 | prepareIdentityChange        |
+/// | 0x40046B02 | block { 1, 128, 128, 0 }             | the same, to the superuser   |
 ///
 /// Threads: any; requests act on the calling thread and hold no lock.
 /// Errors:  false, with errno of the request (ENODEV without the device); outputs are unchanged.
@@ -37,6 +39,12 @@ public:
     virtual bool readClockMs( std::uint32_t* msPtr ) = 0;
     /// Sets the calling thread's processor mask: bit n is processor n. @return success
     virtual bool setAffinity( std::uint32_t mask ) = 0;
+
+    /// In a child process, before it changes its user identities: tells the module. Opens the device
+    /// anew, calls async-signal-safe functions alone, and reports nothing: without the device the
+    /// child only changes its identities.
+    /// @param toSuperuser both identities become 0
+    virtual void prepareIdentityChange( bool toSuperuser ) noexcept = 0;
 
     /// The device in force: the substitute if one is plugged in, else the real one.
     static CapabilityDevice& instance();

@@ -34,6 +34,12 @@ SimpleOStreamBuf::SimpleOStreamBuf( int fd )
     setp( myBytes.data(), myBytes.data() + myBytes.size() );
 }
 
+SimpleOStreamBuf::SimpleOStreamBuf( Utils::Handle&& handle )
+    : SimpleOStreamBuf( handle.fd() )
+{
+    myHandle = std::move( handle );
+}
+
 SimpleOStreamBuf::~SimpleOStreamBuf() { SimpleOStreamBuf::sync(); }
 
 int SimpleOStreamBuf::sync()
@@ -79,6 +85,12 @@ SimpleIStreamBuf::SimpleIStreamBuf( int fd )
 {
     char* const startPtr = myBytes.data() + nbrOfPutbackBytes;
     setg( startPtr, startPtr, startPtr );
+}
+
+SimpleIStreamBuf::SimpleIStreamBuf( Utils::Handle&& handle )
+    : SimpleIStreamBuf( handle.fd() )
+{
+    myHandle = std::move( handle );
 }
 
 SimpleIStreamBuf::~SimpleIStreamBuf() = default;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "nuv.h"
+#include "nuvUtils.h"
 
 #include <cstddef>
 #include <streambuf>
@@ -18,7 +18,8 @@ namespace Nuv::Io {
 ///          and the next flush tries again (the destructor's failure is silent). Interrupted calls
 ///          are repeated. A non-blocking descriptor that is full is a failure. Whether SIGPIPE
 ///          kills the process that writes to a pipe without a reader is for the caller to settle.
-/// Owns:    not the descriptor, which must outlive the object.
+/// Owns:    a descriptor given as a Handle, which the destructor closes; one given as a number is
+///          borrowed and outlives the object.
 /// Example: SimpleOStreamBuf buf( fd ); std::ostream( &buf ) << "n " << n << std::flush;
 class NUV_API SimpleOStreamBuf : public std::streambuf
 {
@@ -26,6 +27,7 @@ public:
     static constexpr std::size_t nbrOfBufferBytes = 4096;
 
     explicit SimpleOStreamBuf( int fd );
+    explicit SimpleOStreamBuf( Utils::Handle&& handle );
     SimpleOStreamBuf( const SimpleOStreamBuf& ) = delete;
     SimpleOStreamBuf& operator=( const SimpleOStreamBuf& ) = delete;
     ~SimpleOStreamBuf() override;
@@ -41,6 +43,7 @@ protected:
 private:
     std::size_t nbrOfCollected() const { return static_cast< std::size_t >( pptr() - pbase() ); }
 
+    Utils::Handle myHandle; // invalid while the descriptor is borrowed
     int myFd;
     std::vector< char > myBytes;
 };
@@ -52,7 +55,8 @@ private:
 /// Threads: one at a time.
 /// Errors:  a failed read is the end of the file, errno telling why; errno 0 is the real end.
 ///          Interrupted calls are repeated.
-/// Owns:    not the descriptor, which must outlive the object.
+/// Owns:    a descriptor given as a Handle, which the destructor closes; one given as a number is
+///          borrowed and outlives the object.
 /// Example: SimpleIStreamBuf buf( fd ); std::istream stream( &buf ); std::getline( stream, line );
 class NUV_API SimpleIStreamBuf : public std::streambuf
 {
@@ -61,6 +65,7 @@ public:
     static constexpr std::size_t nbrOfPutbackBytes = 8;
 
     explicit SimpleIStreamBuf( int fd );
+    explicit SimpleIStreamBuf( Utils::Handle&& handle );
     SimpleIStreamBuf( const SimpleIStreamBuf& ) = delete;
     SimpleIStreamBuf& operator=( const SimpleIStreamBuf& ) = delete;
     ~SimpleIStreamBuf() override;
@@ -71,6 +76,7 @@ protected:
     int_type underflow() override;
 
 private:
+    Utils::Handle myHandle; // invalid while the descriptor is borrowed
     int myFd;
     std::vector< char > myBytes;
 };

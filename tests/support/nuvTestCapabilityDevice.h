@@ -51,6 +51,12 @@ public:
         return request( [=]( ThreadState& state ) { state.affinity = mask; } );
     }
 
+    // Called in a child that shares this process's memory: takes no lock.
+    void prepareIdentityChange( bool toSuperuser ) noexcept override
+    {
+        ( toSuperuser ? nbrOfChangesToSuperuser : nbrOfIdentityChanges )++;
+    }
+
     void setOpen( bool isOpen )
     {
         locked( [&] { myIsOpen = isOpen; } );
@@ -78,6 +84,9 @@ public:
             return i == myThreads.end() ? ThreadState() : i->second;
         } );
     }
+
+    int nbrOfIdentityChanges = 0;
+    int nbrOfChangesToSuperuser = 0;
 
 private:
     template < class Action >
