@@ -40,9 +40,9 @@ public:
     /// Sets the calling thread's processor mask: bit n is processor n. @return success
     virtual bool setAffinity( std::uint32_t mask ) = 0;
 
-    /// In a child process, before it changes its user identities: tells the module. Opens the device
-    /// anew, calls async-signal-safe functions alone, and reports nothing: without the device the
-    /// child only changes its identities.
+    /// In a child process, before it changes its user identities: tells the module. Opens the
+    /// device anew, calls async-signal-safe functions alone, and reports nothing: without the
+    /// device the child only changes its identities.
     /// @param toSuperuser both identities become 0
     virtual void prepareIdentityChange( bool toSuperuser ) noexcept = 0;
 

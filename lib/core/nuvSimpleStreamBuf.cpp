@@ -40,7 +40,10 @@ SimpleOStreamBuf::SimpleOStreamBuf( Utils::Handle&& handle )
     myHandle = std::move( handle );
 }
 
-SimpleOStreamBuf::~SimpleOStreamBuf() { SimpleOStreamBuf::sync(); }
+SimpleOStreamBuf::~SimpleOStreamBuf()
+{
+    SimpleOStreamBuf::sync();
+}
 
 int SimpleOStreamBuf::sync()
 {

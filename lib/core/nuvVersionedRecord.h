@@ -11,7 +11,7 @@ namespace Nuv::HealthAndSecurity {
 ///
 /// | word found by | busy bit clear                      | busy bit set                           |
 /// |---------------|-------------------------------------|----------------------------------------|
-/// | a commit      | sets the bit, copies, counts by one | waits up to a second (a second writer),  |
+/// | a commit      | sets the bit, copies, counts by one | waits a second at most (two writers), |
 /// |               | and clears it                       | then takes over what a dead one left   |
 /// | a read        | copies; true if the word is the     | false, nothing copied                  |
 /// |               | same afterwards                     |                                        |
