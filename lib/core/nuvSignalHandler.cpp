@@ -58,16 +58,6 @@ sigset_t ourDefaultAppSet{};
 thread_local volatile unsigned int ourNbrOfInterruptions
     __attribute__( ( tls_model( "initial-exec" ) ) ) = 0;
 
-sigset_t interruptSet()
-{
-    sigset_t set;
-    sigemptyset( &set );
-    for ( const int sig : interruptSignals ) {
-        sigaddset( &set, sig );
-    }
-    return set;
-}
-
 sigset_t setOf( int sig )
 {
     sigset_t set;
@@ -112,7 +102,7 @@ void createPipe()
 
 void installInterruptHandler()
 {
-    const sigset_t set = interruptSet();
+    const sigset_t set = SignalHandler::interruptSet();
     struct sigaction action
     {
     };
@@ -217,9 +207,19 @@ void SignalHandler::sigHandlerRoutine( int sig )
     std::exit( -1 );
 }
 
+sigset_t SignalHandler::interruptSet()
+{
+    sigset_t set;
+    sigemptyset( &set );
+    for ( const int sig : interruptSignals ) {
+        sigaddset( &set, sig );
+    }
+    return set;
+}
+
 void SignalHandler::blockSignals()
 {
-    const sigset_t set = interruptSet();
+    const sigset_t set = SignalHandler::interruptSet();
     ::pthread_sigmask( SIG_BLOCK, &set, &ourDefaultAppSet );
 }
 

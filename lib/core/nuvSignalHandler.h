@@ -85,6 +85,9 @@ public:
     /// pathname of the executable, unless that is set already.
     static void recordExecutable( const char* fallbackPtr );
 
+    /// The interrupt signals.
+    static sigset_t interruptSet();
+
     /// For startMainThread(): the calling thread is the one that dispatches.
     static void becomeDispatcher();
     /// The pipe's read end, non-blocking; -1 before construction and after destruction.

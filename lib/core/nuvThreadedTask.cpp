@@ -4,6 +4,7 @@
 #include "nuvCapabilityDevice.h"
 #include "nuvCrashReport.h"
 #include "nuvLog.h"
+#include "nuvSignalHandler.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -75,6 +76,17 @@ public:
 private:
     int mySavedState = 0;
 };
+
+// The creator's signal mask, with the interrupt signals blocked: the initial thread, which gets
+// these, creates the task "main".
+sigset_t signalMask()
+{
+    sigset_t mask;
+    const sigset_t set = SignalHandler::interruptSet();
+    ::pthread_sigmask( SIG_BLOCK, nullptr, &mask );
+    sigorset( &mask, &mask, &set );
+    return mask;
+}
 
 template < class Exception >
 void logTag( const char* prefixPtr, const char* tagPtr, const Exception& exception )
@@ -160,6 +172,8 @@ void ThreadedTask::createThread( StartState startState )
     int policy = 0;
     nuvCheckResource( ::pthread_attr_setinheritsched( aPtr, PTHREAD_EXPLICIT_SCHED ) == 0 );
     nuvCheckResource( ::pthread_attr_getschedpolicy( aPtr, &policy ) == 0 );
+    const sigset_t mask = signalMask();
+    nuvCheckResource( ::pthread_attr_setsigmask_np( aPtr, &mask ) == 0 );
     ::getitimer( ITIMER_PROF, &myProfilingTimer );
 
     errno = ::pthread_create( &myThread, aPtr, &threadStart, this );

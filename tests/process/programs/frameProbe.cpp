@@ -1,7 +1,8 @@
 // frameProbe OBSERVER MODE [ARGUMENT]: an application whose Nuv::main does what MODE says.
 //
-// OBSERVER: "claim" and "ignore" attach an observer that prints "signal N" for each signal and claims
-// it or not, "throw" one that throws, "none" attaches none, "nohandler" makes no signal handler.
+// OBSERVER: "claim" and "ignore" attach an observer that prints "signal N" for each signal and
+// claims it or not, "throw" one that throws, "none" attaches none, "nohandler" makes no signal
+// handler.
 
 #include "nuvMainThread.h"
 #include "nuvSemaphore.h"
@@ -67,7 +68,10 @@ private:
 
 // ------------------------------------------------------------------------------------------ life
 
-int returnArgument() { return ourArgument; }
+int returnArgument()
+{
+    return ourArgument;
+}
 
 // Until standard input ends; each line that comes is answered, so that its sender may follow the
 // dispatching.
@@ -84,18 +88,30 @@ int listen()
 [[noreturn]] int throwKind()
 {
     switch ( ourArgument ) {
-    case 1: throw LogicException( "one" );
-    case 2: throw std::out_of_range( "two" );
-    case 3: throw std::bad_cast();
-    case 4: throw std::bad_typeid();
-    case 5: throw std::bad_exception();
-    case 6: throw ResourceException( "six" );
-    case 7: throw std::bad_alloc();
-    case 8: throw RuntimeException( "eight", 0, 4 );
-    case 9: throw std::ios_base::failure( "nine" );
-    case 10: throw std::range_error( "ten" );
-    case 11: throw std::bad_function_call();
-    default: throw 12;
+    case 1:
+        throw LogicException( "one" );
+    case 2:
+        throw std::out_of_range( "two" );
+    case 3:
+        throw std::bad_cast();
+    case 4:
+        throw std::bad_typeid();
+    case 5:
+        throw std::bad_exception();
+    case 6:
+        throw ResourceException( "six" );
+    case 7:
+        throw std::bad_alloc();
+    case 8:
+        throw RuntimeException( "eight", 0, 4 );
+    case 9:
+        throw std::ios_base::failure( "nine" );
+    case 10:
+        throw std::range_error( "ten" );
+    case 11:
+        throw std::bad_function_call();
+    default:
+        throw 12;
     }
 }
 
@@ -139,18 +155,15 @@ int interruptOften()
     return task.exitCode();
 }
 
-std::atomic< int > ourNbrOfInterrupts = 0;
-
 unsigned int readOnce( Mt::ThreadedTask*, void* fdPtr )
 {
     const Mt::InterruptibleCall call;
     char c;
-    const ssize_t n =
-        call.isInterrupted() ? -1 : ::read( *static_cast< int* >( fdPtr ), &c, 1 );
+    const ssize_t n = call.isInterrupted() ? -1 : ::read( *static_cast< int* >( fdPtr ), &c, 1 );
     return n == -1 && errno == EINTR ? 0 : 1;
 }
 
-// A thread within read() itself, as its state in /proc shows, is interrupted there.
+// Interrupted until read() itself has been met.
 int interruptRead()
 {
     int fds[2];
@@ -185,14 +198,25 @@ int showRecords()
     return 0;
 }
 
-// ------------------------------------------------------------------------------------------- crashes
+// -------------------------------------------------------------------------------------------
+// crashes
 
+volatile int ourOne = 1;
 volatile int ourZero = 0;
 int* volatile ourNullPtr = nullptr;
 
-void segv() { *ourNullPtr = 1; }
-void fpe() { ourZero = 1 / ourZero; }
-void ill() { asm volatile( "ud2" ); }
+void segv()
+{
+    *ourNullPtr = 1;
+}
+void fpe()
+{
+    ourOne = ourOne / ourZero;
+}
+void ill()
+{
+    asm volatile( "ud2" );
+}
 
 void bus()
 {
@@ -201,13 +225,16 @@ void bus()
         ::mmap( nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 ) ) = 1;
 }
 
-// The links of a freed block are broken, so the next allocation dies within malloc, its arena locked.
+// The links of a freed block are broken, so the next allocation dies within malloc, its arena
+// locked.
 void insideMalloc()
 {
-    void** volatile blockPtr = static_cast< void** >( std::malloc( 5000 ) );
-    void* const keeperPtr = std::malloc( 5000 );
-    std::free( blockPtr );
-    blockPtr[1] = reinterpret_cast< void* >( 16 );
+    volatile std::uintptr_t* volatile blockPtr =
+        static_cast< volatile std::uintptr_t* >( std::malloc( 5000 ) );
+    volatile std::uintptr_t* volatile linksPtr = blockPtr;
+    void* volatile keeperPtr = std::malloc( 5000 );
+    std::free( const_cast< std::uintptr_t* >( blockPtr ) );
+    linksPtr[1] = 16;
     void* volatile victimPtr = std::malloc( 6000 );
     std::free( victimPtr );
     std::free( keeperPtr );
@@ -241,14 +268,24 @@ void forkedChild()
     segv();
 }
 
+void limitCoreFile( rlim_t nbrOfBytes )
+{
+    rlimit limit{};
+    ::getrlimit( RLIMIT_CORE, &limit );
+    limit.rlim_cur = nbrOfBytes;
+    ::setrlimit( RLIMIT_CORE, &limit );
+}
+
 void withCoreFile()
 {
-    const rlimit limit{ 1, RLIM_INFINITY }; // enabled, but too small for one to be written
-    ::setrlimit( RLIMIT_CORE, &limit );
+    limitCoreFile( 1 ); // enabled, but too small for one to be written
     segv();
 }
 
-void overflowStack() { overflow( 0 ); }
+void overflowStack()
+{
+    overflow( 0 );
+}
 
 template < void ( *Crash )() >
 int crash()
@@ -257,16 +294,18 @@ int crash()
     return 0;
 }
 
-int waitForCrash()
+// --------------------------------------------------------------------------------------------
+// forks
+
+int exitFromMain()
 {
-    say( "ready" );
-    ::pause();
-    return 0;
+    std::exit( ourArgument );
 }
 
-// -------------------------------------------------------------------------------------------- forks
-
-void neverInChild() { say( "parent's exit handler" ); }
+void neverInChild()
+{
+    say( "parent's exit handler" );
+}
 
 int forkAndExit()
 {
@@ -324,7 +363,7 @@ constexpr Mode modes[] = { { "return", &returnArgument },
                            { "forkedChild", &crash< forkedChild > },
                            { "core", &crash< withCoreFile > },
                            { "overflow", &crash< overflowStack > },
-                           { "wait", &waitForCrash },
+                           { "exit", &exitFromMain },
                            { "forkExit", &forkAndExit },
                            { "forkSignal", &forkAndSignal } };
 
@@ -332,7 +371,10 @@ const Mode* ourModePtr = nullptr;
 
 } // namespace
 
-int Nuv::main( int, char** ) { return ourModePtr->functionPtr(); }
+int Nuv::main( int, char** )
+{
+    return ourModePtr->functionPtr();
+}
 
 int main( int argc, char** argv )
 {
@@ -343,6 +385,7 @@ int main( int argc, char** argv )
     }
     if ( ourModePtr == nullptr )
         return 127;
+    limitCoreFile( 0 );
     ourArgument = argc > 3 ? std::atoi( argv[3] ) : 0;
     Printer printer( observerKind );
     if ( observerKind != "nohandler" ) {
