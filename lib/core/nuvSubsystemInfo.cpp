@@ -1,12 +1,11 @@
 #include "nuvSubsystemInfo.h"
 
 #include "nuvFileSystem.h"
+#include "nuvIpcFile.h"
 #include "nuvMutex.h"
 #include "nuvOs.h"
-#include "nuvPathname.h"
 #include "nuvSemaphore.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -74,7 +73,6 @@ std::string processName()
         scanner.next( nullptr, " \t\n" );
         scanner.next( &name, " \t\n" );
     }
-    std::replace( name.begin(), name.end(), '/', '-' ); // the name becomes a file name
     return name;
 }
 
@@ -84,18 +82,6 @@ void unlockKeepingErrno( MasterSemaphore::Lock* lockPtr )
     const int errorNbr = errno;
     lockPtr->unlock();
     errno = errorNbr;
-}
-
-int openMappingFile( const Io::Pathname& pathname, Utils::SecurityInfo* infoPtr )
-{
-    infoPtr->applyUmask();
-    const int fd = Utils::retryOnEintr( [&] {
-        return ::open( pathname.cStr(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, infoPtr->mode() );
-    } );
-    const int errorNbr = errno;
-    infoPtr->restoreUmask();
-    errno = errorNbr;
-    return fd;
 }
 
 ThreadDetailsArray* clearedArray( void* memoryPtr )
@@ -137,20 +123,19 @@ ThreadDetailsArray* createSegment()
     static MasterSemaphore masterSemaphore;
     // Both may read the configuration, and so come before the lock is taken.
     Utils::SecurityInfo info( Utils::SecurityInfo::ipcObject, Utils::SecurityInfo::ownerAndGroup );
-    const Io::Pathname pathname( Io::Pathname::ipcDirectory, "shm_ubrdebug_" + processName() );
+    const std::string pathname = Io::IpcFile::keyFilePathname( "shm_ubrdebug_", processName() );
 
     MasterSemaphore::Lock lock;
     masterSemaphore.acquire( &lock );
     if ( ThreadDetailsArray* const segmentPtr = ourSegmentPtr.load( std::memory_order_acquire ) )
         return segmentPtr;
-    if ( !pathname.exists() ) {
-        const Io::FileHandle mappingFileHandle( openMappingFile( pathname, &info ) );
-        if ( !mappingFileHandle.isValid() )
+    if ( Io::FileSystem::pathnameAttributes( pathname ) == 0 ) {
+        const bool isCreated = Io::IpcFile::createKeyFile( pathname.c_str(), info );
+        if ( !isCreated )
             unlockKeepingErrno( &lock );
-        nuvCheckResource( mappingFileHandle.isValid() );
-        info.applyGroupOwnership( mappingFileHandle.fd() );
+        nuvCheckResourceText( isCreated, "mappingFileHandle.isValid()" );
     }
-    const ::key_t shmKey = Io::FileSystem::ftok( pathname.cStr(), 1 );
+    const ::key_t shmKey = Io::FileSystem::ftok( pathname.c_str(), 1 );
     if ( shmKey == static_cast< ::key_t >( -1 ) )
         unlockKeepingErrno( &lock );
     nuvCheckResource( shmKey != static_cast< ::key_t >( -1 ) );

@@ -16,6 +16,8 @@ constexpr bool isWide = sizeof( void* ) == 8;
 class CrashReport : public RootFixture
 {
 protected:
+    void TearDown() override { removeInterprocessObjects(); }
+
     std::string corePath( const std::string& relative = "" ) const
     {
         return myHome.path( "ixoRoot/core/frameProbe" ) +

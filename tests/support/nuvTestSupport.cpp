@@ -12,6 +12,8 @@
 #include <poll.h>
 #include <sstream>
 #include <sys/mount.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -146,6 +148,24 @@ std::string RootFixture::root()
 {
     const char* homePtr = std::getenv( "HOME" );
     return homePtr != nullptr ? homePtr : "";
+}
+
+void removeInterprocessObjects()
+{
+    if ( std::getenv( "NUV_ISOLATED" ) == nullptr )
+        return;
+    for ( const char* const kindPtr : { "sem", "shm" } ) {
+        std::ifstream list( std::string( "/proc/sysvipc/" ) + kindPtr );
+        std::string line;
+        std::getline( list, line ); // the columns' names: key, identifier ...
+        while ( std::getline( list, line ) ) {
+            const int id = std::atoi( line.c_str() + 11 );
+            if ( kindPtr[1] == 'e' )
+                ::semctl( id, 0, IPC_RMID );
+            else
+                ::shmctl( id, IPC_RMID, nullptr );
+        }
+    }
 }
 
 int Outcome::exitStatus() const

@@ -70,6 +70,10 @@ public:
     static std::string root( const std::string& relative ) { return root() + "/" + relative; }
 };
 
+/// Removes all System V sets and segments, for tests that kill processes before these can do it
+/// themselves. Does nothing outside the namespaces of run-isolated.
+void removeInterprocessObjects();
+
 /// How a child process ended, and what it wrote.
 struct Outcome
 {
