@@ -49,8 +49,8 @@ bool isFifo( int fd )
 
 Utils::Handle openNonBlocking( const char* pathPtr, int mode )
 {
-    return Utils::Handle( Utils::retryOnEintr(
-        [=] { return ::open( pathPtr, mode | O_NONBLOCK | O_CLOEXEC ); } ) );
+    return Utils::Handle(
+        Utils::retryOnEintr( [=] { return ::open( pathPtr, mode | O_NONBLOCK | O_CLOEXEC ); } ) );
 }
 
 // A pipe between waits on mixed lists: making and closing one would cost three system calls a wait.
@@ -86,9 +86,8 @@ void takeKeptPipe( Utils::Handle* readEndPtr, Utils::Handle* writeEndPtr )
 
 void makePipe( Utils::Handle* readEndPtr, Utils::Handle* writeEndPtr )
 {
-    [[maybe_unused]] static const int registered = ::pthread_atfork( nullptr, nullptr, [] {
-        ourNbrOfForks.fetch_add( 1, std::memory_order_relaxed );
-    } );
+    [[maybe_unused]] static const int registered = ::pthread_atfork(
+        nullptr, nullptr, [] { ourNbrOfForks.fetch_add( 1, std::memory_order_relaxed ); } );
     int ends[2] = { Utils::Handle::invalid, Utils::Handle::invalid };
     if ( ::pipe2( ends, O_NONBLOCK | O_CLOEXEC ) != 0 )
         return;
@@ -98,7 +97,8 @@ void makePipe( Utils::Handle* readEndPtr, Utils::Handle* writeEndPtr )
 
 bool isAnyNamed( std::span< Event* const > events )
 {
-    return std::any_of( events.begin(), events.end(), []( const Event* p ) { return p->isNamed(); } );
+    return std::any_of( events.begin(), events.end(),
+                        []( const Event* p ) { return p->isNamed(); } );
 }
 
 int firstPending( std::span< Event* const > events )
@@ -294,6 +294,11 @@ int MultiEvent::waitOnEvents( const std::list< Event* >& events, unsigned int ti
     return waitOnEvents( std::vector< Event* >( events.begin(), events.end() ), timeoutMs );
 }
 
+int MultiEvent::waitOnEvents( std::initializer_list< Event* > events, unsigned int timeoutMs )
+{
+    return waitOn( std::span( events.begin(), events.size() ), timeoutMs );
+}
+
 WaitEventImpl::WaitEventImpl( const Events& events )
     : myOwnEvents( events )
     , myEvents( myOwnEvents )
@@ -451,7 +456,10 @@ void NamedWaitEventImpl::releasePipe()
     ourPipeSlot.nbrOfForks = ourNbrOfForks.load( std::memory_order_relaxed );
 }
 
-void NamedWaitEventImpl::signal() { writeSignal( myWriteOnlyFd.fd() ); }
+void NamedWaitEventImpl::signal()
+{
+    writeSignal( myWriteOnlyFd.fd() );
+}
 
 bool NamedWaitEventImpl::wait( unsigned int timeoutMs )
 {
@@ -460,7 +468,8 @@ bool NamedWaitEventImpl::wait( unsigned int timeoutMs )
     const int pollMs =
         isLimited ? static_cast< int >( std::min< unsigned int >( timeoutMs, INT_MAX ) ) : -1;
     const int result = ::poll( myDescriptors.data(), myDescriptors.size(), pollMs );
-    // Left in the pipe, the byte of a signal that somebody else consumes would end every later poll.
+    // Left in the pipe, the byte of a signal that somebody else consumes would end every later
+    // poll.
     if ( result > 0 && myReadOnlyFd.isValid() && myDescriptors[0].revents != 0 )
         takeSignals( myReadOnlyFd.fd() );
     return result != 0 || ( isLimited && timeoutMs > INT_MAX );

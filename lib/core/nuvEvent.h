@@ -7,6 +7,7 @@
 
 #include <array>
 #include <ctime>
+#include <initializer_list>
 #include <list>
 #include <poll.h>
 #include <pthread.h>
@@ -112,6 +113,7 @@ public:
     /// @return position of the event that fired, its signal consumed; -1 after timeoutMs
     static int waitOnEvents( const std::vector< Event* >& events, unsigned int timeoutMs );
     static int waitOnEvents( const std::list< Event* >& events, unsigned int timeoutMs );
+    static int waitOnEvents( std::initializer_list< Event* > events, unsigned int timeoutMs );
 };
 
 /// One wait operation on some events: registered with the non-named ones as long as it lives.
@@ -196,6 +198,7 @@ private:
 };
 
 /// @return the clock's time plus timeoutMs, as an absolute deadline
-NUV_API timespec computeTimeOfDayToTimeout( unsigned int timeoutMs, clockid_t clock = CLOCK_REALTIME );
+NUV_API timespec computeTimeOfDayToTimeout( unsigned int timeoutMs,
+                                            clockid_t clock = CLOCK_REALTIME );
 
 } // namespace Nuv::Mt

@@ -16,12 +16,22 @@ using Word = std::uint32_t;
 constexpr Word wordSize = 4;
 constexpr Word unknownOffset = 0xFFFFFFFF;
 
-enum Fault : unsigned int { entryCut = 1, ringDamaged = 2 };
+enum Fault : unsigned int
+{
+    entryCut = 1,
+    ringDamaged = 2
+};
 
 // What an entry of this length occupies; 64 bits, since a damaged length may be anything.
-std::uint64_t entrySize( Word length ) { return ( std::uint64_t( length ) + 7 ) & ~std::uint64_t( 3 ); }
+std::uint64_t entrySize( Word length )
+{
+    return ( std::uint64_t( length ) + 7 ) & ~std::uint64_t( 3 );
+}
 
-Word load( Word& word ) { return std::atomic_ref( word ).load( std::memory_order_relaxed ); }
+Word load( Word& word )
+{
+    return std::atomic_ref( word ).load( std::memory_order_relaxed );
+}
 void store( Word& word, Word value )
 {
     std::atomic_ref( word ).store( value, std::memory_order_relaxed );
@@ -138,12 +148,12 @@ private:
         return length;
     }
 
-    // A length that reaches beyond what is in the ring empties it.
+    // A length that nobody wrote, or that reaches beyond what is in the ring, empties it.
     bool hasSoundOldest()
     {
         if ( isEmpty() )
             return false;
-        if ( oldestSize() <= mySize - myNbrOfBytesFree )
+        if ( oldestLength() <= mySize / 4 && oldestSize() <= mySize - myNbrOfBytesFree )
             return true;
         discardAll();
         return false;
@@ -281,8 +291,8 @@ InterprocessFifo::InterprocessFifo( const char* namePtr, unsigned int size )
                                          ? Mt::SemaphoreLock::stateUnlocked
                                          : Mt::SemaphoreLock::stateLocked )
     , myInsideScope( mySemaphore.handle() )
-    , mySharedMemory( std::string( "IpFifo_" ) + namePtr, size / wordSize * wordSize + nbrOfExtraBytes,
-                      SharedMemory::readWrite )
+    , mySharedMemory( std::string( "IpFifo_" ) + namePtr,
+                      size / wordSize * wordSize + nbrOfExtraBytes, SharedMemory::readWrite )
     , myFifoPtr( reinterpret_cast< Fifo* >( mySharedMemory.memoryPtr() ) )
     , myEvent( std::string( "IpFifo_" ) + namePtr )
     , myName( namePtr )

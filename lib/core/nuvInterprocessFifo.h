@@ -29,9 +29,9 @@ namespace Nuv::Io {
 /// | 12     | 4     | myNbrOfBytesFree | free bytes in the ring; F when empty                 |
 /// | 16     | F     | ring             | entries                                              |
 ///
-/// An entry is its length L (4 bytes, at a multiple of 4), L message bytes and padding to a multiple
-/// of 4; the message bytes go on at ring offset 0 where the ring ends.
-/// Always: myWriteOffset = ( myReadOffset + F - myNbrOfBytesFree ) mod F.
+/// An entry is its length L (4 bytes, at a multiple of 4), L message bytes and padding to a
+/// multiple of 4; the message bytes go on at ring offset 0 where the ring ends. Always:
+/// myWriteOffset = ( myReadOffset + F - myNbrOfBytesFree ) mod F.
 ///
 /// A ring whose words break these rules (a process was killed between two stores, or something else
 /// wrote there) is never followed: the next operation empties it and logs one error line.
@@ -40,7 +40,8 @@ namespace Nuv::Io {
 ///          Lock order: that semaphore before the segment's. What goes wrong is logged after the
 ///          semaphore was given back; a write() by a thread that is inside an operation of the same
 ///          ring, as the log line of its own failure would be, is discarded.
-/// Errors:  construction fails nuvAssert for a size below minSize or above maxSize, and as Semaphore,
+/// Errors:  construction fails nuvAssert for a size below minSize or above maxSize, and as
+/// Semaphore,
 ///          SharedMemory and Event do; read() and write() as Semaphore::wait().
 /// Cost:    write three system calls (lock, signal, unlock), read two; one copy in, one copy out; a
 ///          write allocates nothing.
@@ -56,7 +57,8 @@ public:
     /// The ring as it lies in the segment. Its operations are called with the semaphore held and
     /// take myFifoSize as true: InterprocessFifo compares it with the segment's size first.
     ///
-    /// Errors: too long an entry and a damaged ring (which is emptied) are logged, at severity error;
+    /// Errors: too long an entry and a damaged ring (which is emptied) are logged, at severity
+    /// error;
     ///         deleteOldest() fails nuvAssert for a length beyond what is in the ring.
     struct NUV_API Fifo
     {
@@ -81,11 +83,12 @@ public:
     InterprocessFifo& operator=( const InterprocessFifo& ) = delete;
     ~InterprocessFifo();
 
-    /// Appends one entry and signals event(). What exceeds a quarter of the ring size (rounded down)
-    /// is cut off, and that is logged.
+    /// Appends one entry and signals event(). What exceeds a quarter of the ring size (rounded
+    /// down) is cut off, and that is logged.
     /// @return true when no older entry had to be discarded
     bool write( const Utils::Buffer& buffer );
-    /// Removes the oldest entry into the Buffer. @return false, the Buffer emptied, if there is none
+    /// Removes the oldest entry into the Buffer. @return false, the Buffer emptied, if there is
+    /// none
     bool read( Utils::Buffer* bufferPtr );
     /// @return copies of all entries, oldest first; none is removed, no signal consumed
     std::vector< Utils::Buffer > entries();
@@ -100,7 +103,10 @@ public:
     }
     /// @return how often read() of this object did not find the entry that followed the one it had
     ///         read before: each time others removed at least one in between
-    std::uint64_t nbrOfOverruns() const { return myNbrOfOverruns.load( std::memory_order_relaxed ); }
+    std::uint64_t nbrOfOverruns() const
+    {
+        return myNbrOfOverruns.load( std::memory_order_relaxed );
+    }
 
     const std::string& name() const { return myName; }
     const SharedMemory& sharedMemory() const { return mySharedMemory; }
@@ -149,7 +155,8 @@ static_assert( offsetof( InterprocessFifo::Fifo, myNbrOfBytesFree ) == 12 );
 /// Collects the text of one entry.
 ///
 /// Threads: one at a time.
-/// Example: InterprocessOStreamBuf buf( &fifo ); std::ostream( &buf ) << "n " << n; buf.writeFifo();
+/// Example: InterprocessOStreamBuf buf( &fifo ); std::ostream( &buf ) << "n " << n;
+/// buf.writeFifo();
 class NUV_API InterprocessOStreamBuf : public Utils::BufferOStreamBuf
 {
 public:

@@ -13,7 +13,7 @@ namespace Nuv::Io {
 /// The files behind interprocess objects: key files, whose inode number is a System V key, and
 /// FIFOs, all in the interprocess-communication directory.
 ///
-/// Threads: any. The umask belongs to the process: it is changed by one thread at a time.
+/// Threads: any.
 /// Errors:  by result and errno; a group that cannot be set fails nuvAssert (see SecurityInfo).
 namespace IpcFile {
 

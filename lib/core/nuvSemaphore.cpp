@@ -1,6 +1,7 @@
 #include "nuvSemaphore.h"
 
 #include "nuvCapabilities.h"
+#include "nuvCapabilityDevice.h"
 #include "nuvFileSystem.h"
 #include "nuvIpcFile.h"
 #include "nuvLog.h"
@@ -41,7 +42,6 @@ constexpr int masterIdx = 0;
 constexpr int nbrOfSemaphores = 2;
 constexpr int masterMode = 0660;
 constexpr unsigned int masterDefaultGroup = 50;
-constexpr std::uint32_t systemAdministration = 1u << 21;
 
 // How often a set may vanish between two calls before that is taken for a failure.
 constexpr int maxNbrOfAttempts = 8;
@@ -49,8 +49,7 @@ constexpr int maxNbrOfAttempts = 8;
 thread_local int ourNbrOfMasterLocks = 0;
 
 // The third argument of semctl(), which every program declares for itself.
-union SemctlArgument
-{
+union SemctlArgument {
     int val;
     semid_ds* buf;
     unsigned short* array;
@@ -65,8 +64,14 @@ void* sanitizerWordPtr( int handle )
 {
     return &ourSanitizerWords[static_cast< std::size_t >( handle ) % ourSanitizerWords.size()];
 }
-void noteTaken( int handle ) { __tsan_acquire( sanitizerWordPtr( handle ) ); }
-void noteGiven( int handle ) { __tsan_release( sanitizerWordPtr( handle ) ); }
+void noteTaken( int handle )
+{
+    __tsan_acquire( sanitizerWordPtr( handle ) );
+}
+void noteGiven( int handle )
+{
+    __tsan_release( sanitizerWordPtr( handle ) );
+}
 #else
 void noteTaken( int ) {}
 void noteGiven( int ) {}
@@ -274,7 +279,10 @@ bool MasterSemaphore::wait()
     return take( &handle, false );
 }
 
-bool MasterSemaphore::post() { return doSemOp( +1, masterIdx, handle() ); }
+bool MasterSemaphore::post()
+{
+    return doSemOp( +1, masterIdx, handle() );
+}
 
 void MasterSemaphore::acquire( Lock* lockPtr )
 {
@@ -288,7 +296,10 @@ void MasterSemaphore::acquireShown( Lock* lockPtr )
     lockPtr->lock( true );
 }
 
-bool MasterSemaphore::isHeldByThisThread() { return ourNbrOfMasterLocks != 0; }
+bool MasterSemaphore::isHeldByThisThread()
+{
+    return ourNbrOfMasterLocks != 0;
+}
 
 bool MasterSemaphore::take( int* handlePtr, bool showsWait )
 {
@@ -430,7 +441,7 @@ int Semaphore::removeSet()
     if ( errorNbr != EPERM )
         return errorNbr;
     try {
-        const Utils::ScopedCapabilities capabilities( systemAdministration );
+        const Utils::ScopedCapabilities capabilities( Utils::capSysAdminMask );
         if ( !capabilities.isRaised() )
             return errorNbr;
         return ::semctl( mySemaphoreHandle, 0, IPC_RMID ) == 0 ? 0 : errno;
@@ -456,7 +467,10 @@ bool Semaphore::wait()
     return true;
 }
 
-bool Semaphore::post() { return doSemOp( +1, semaphoreIdx, mySemaphoreHandle ); }
+bool Semaphore::post()
+{
+    return doSemOp( +1, semaphoreIdx, mySemaphoreHandle );
+}
 
 bool Semaphore::peek()
 {

@@ -64,7 +64,7 @@ public:
         void lock( bool showsWait );
 
         MasterSemaphore* mySemaphorePtr = nullptr;
-        int myState = 1; // 0 locked, 1 unlocked
+        int myState = 1;       // 0 locked, 1 unlocked
         int myHeldHandle = -1; // the set that was taken: it alone may be posted
     };
 
@@ -181,17 +181,22 @@ private:
 
 /// Holds a Semaphore for a scope.
 ///
-/// | state    | lock()             | lock( timeoutMs )               | unlock()        | destructor |
+/// | state    | lock()             | lock( timeoutMs )               | unlock()        | destructor
+/// |
 /// |----------|--------------------|---------------------------------|-----------------|------------|
-/// | unlocked | waits; locked      | locked if taken, else unchanged | posts; unlocked | nothing    |
-/// | locked   | waits: for itself  | times out: for itself           | posts; unlocked | posts      |
+/// | unlocked | waits; locked      | locked if taken, else unchanged | posts; unlocked | nothing |
+/// | locked   | waits: for itself  | times out: for itself           | posts; unlocked | posts |
 ///
 /// Threads: one; not shared.
 /// Errors:  a null semaphore fails nuvAssert; lock() as Semaphore::wait().
 class NUV_API SemaphoreLock
 {
 public:
-    enum LockState { stateLocked = 0, stateUnlocked = 1 };
+    enum LockState
+    {
+        stateLocked = 0,
+        stateUnlocked = 1
+    };
 
     /// @param semaPtr borrowed for the guard's life
     explicit SemaphoreLock( Semaphore* semaPtr, LockState state = stateLocked );

@@ -113,8 +113,8 @@ std::string SharedMemory::attach( const std::string& name, AccessMode mode )
         errno = EINVAL;
         return sizeMismatchText( name, status.shm_segsz, mySize );
     }
-    myMemoryPtr = static_cast< char* >(
-        ::shmat( myShmId, nullptr, mode == readOnly ? SHM_RDONLY : 0 ) );
+    myMemoryPtr =
+        static_cast< char* >( ::shmat( myShmId, nullptr, mode == readOnly ? SHM_RDONLY : 0 ) );
     if ( myMemoryPtr == attachFailurePtr ) {
         if ( myCreated )
             removeSegment( myShmId, myKeyFileName.cStr() );
@@ -155,6 +155,9 @@ int SharedMemory::removeIfUnused()
     return 0;
 }
 
-int SharedMemory::getLastError() { return errno; }
+int SharedMemory::getLastError()
+{
+    return errno;
+}
 
 } // namespace Nuv::Io

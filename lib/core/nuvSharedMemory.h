@@ -32,7 +32,11 @@ namespace Nuv::Io {
 class NUV_API SharedMemory
 {
 public:
-    enum AccessMode { readOnly = 0, readWrite = 1 };
+    enum AccessMode
+    {
+        readOnly = 0,
+        readWrite = 1
+    };
 
     /// @param size bytes
     SharedMemory( const std::string& name, unsigned int size, AccessMode mode );
