@@ -1,5 +1,6 @@
 #include "nuvInterprocessFifo.h"
 
+#include "nuvLogCapture.h"
 #include "nuvTestSupport.h"
 
 #include <algorithm>
@@ -128,11 +129,16 @@ TEST_F( InterprocessFifoTest, SizesAtTheLimits )
 
 TEST_F( InterprocessFifoTest, TooLongAnEntryIsCutToAQuarter )
 {
+    const Log::Capture capture;
     InterprocessFifo fifo( "quarter", 1024 );
     EXPECT_TRUE( fifo.write( Buffer( numbered( 1, 257 ) ) ) );
     EXPECT_TRUE( fifo.write( Buffer( numbered( 2, 300 ) ) ) );
     EXPECT_EQ( readOne( fifo ), numbered( 1, 257 ) );
     EXPECT_EQ( readOne( fifo ), numbered( 2, 257 ) );
+    EXPECT_EQ( capture.messages().size(), 1u );
+    EXPECT_TRUE( capture.contains(
+        "errLimitExceeded -- Attempt to write an entry greater than 1/4 of the FIFO size. "
+        "[InterprocessFifo::Fifo::write()]" ) );
 }
 
 TEST_F( InterprocessFifoTest, FullRingGivesUpItsOldestEntries )
@@ -242,6 +248,7 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
           []( Fifo&, char* ring ) { std::memset( ring, 0xFF, 4 ); } },
         { "length far out", []( Fifo&, char* ring ) { ring[3] = 0x7F; } },
     };
+    Log::Capture capture;
     InterprocessFifo fifo( "damaged", 100 );
     for ( const auto& row : cases ) {
         for ( const bool isByWrite : { false, true } ) {
@@ -253,6 +260,7 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
                 fifo.write( Buffer( numbered( 3, 25 ) ) );
             }
             row.damage( words( fifo ), ringPtr( fifo ) );
+            capture.clear();
             if ( isByWrite ) {
                 EXPECT_FALSE( fifo.write( Buffer( "after" ) ) && fifo.write( Buffer( "after" ) ) &&
                               fifo.write( Buffer( "after" ) ) );
@@ -262,6 +270,9 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
                 EXPECT_EQ( headerText( fifo ), "104 0 0 104" );
             }
             EXPECT_EQ( semaphoreValue( fifo ), 1 );
+            EXPECT_EQ( capture.messages().size(), 1u );
+            EXPECT_TRUE( capture.contains( "errDataDamaged -- The ring of interprocess FIFO "
+                                           "\"damaged\" was damaged and has been emptied." ) );
         }
     }
 }
