@@ -335,7 +335,8 @@ TEST_F( ThreadedTaskLife, TerminationAtAnyMomentEndsInACompletedTask )
     for ( int i = 0; i < 200; ++i ) {
         std::atomic< bool > isUnwound = false;
         ThreadedTask task( &blockForEver, "blocked", &isUnwound, normal );
-        for ( volatile int spin = 0; spin < i * 100; spin = spin + 1 ) {
+        std::atomic< int > spin = i * 100;
+        while ( spin-- > 0 ) {
         }
         std::thread other( [&] { task.terminateThread(); } );
         EXPECT_TRUE( task.waitForTaskCompletion( ThreadedTask::infinite ) );
