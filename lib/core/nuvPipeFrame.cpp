@@ -286,7 +286,7 @@ bool PipeFrame::read( int fd, const std::string& pathname, Utils::Buffer* dataPt
 {
     Reading reading = { fd, pathname, dataPtr, std::uint64_t( timeoutSec ) * stepsPerSec,
                         patience == Patience::fromStart };
-    if ( !waitForBytes( &reading ) )
+    if ( fd >= 0 && !waitForBytes( &reading ) )
         timeOut( reading );
     if ( !readHeader( &reading ) || !readData( &reading ) )
         return false;
