@@ -2,29 +2,17 @@
 #include "nuvPathname.h"
 #include "nuvTestSupport.h"
 
-#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace Nuv::Io {
 namespace {
 
+[[maybe_unused]] const bool ourCleanUp = std::atexit( &NuvTest::removeInterprocessObjects ) == 0;
+
 class Pipes : public NuvTest::RootFixture
 {
 protected:
-    // Killed processes leave the use counts of their semaphores behind, which nobody takes down.
-    void TearDown() override
-    {
-        const Pathname directory( Pathname::ipcDirectory );
-        for ( const Utils::String& name : directory ) {
-            if ( name.rfind( "sem_pipe_", 0 ) != 0 )
-                continue;
-            const Pathname keyFile( directory, name );
-            ::semctl( ::semget( FileSystem::ftok( keyFile.cStr(), 1 ), 0, 0 ), 0, IPC_RMID );
-            ::unlink( keyFile.cStr() );
-        }
-    }
-
     static NuvTest::Start arguments( const char* whatPtr, const char* firstPtr = "",
                                      const char* secondPtr = "" )
     {
