@@ -1,0 +1,74 @@
+#include "nuvStackSymbols.h"
+
+#include <cstring>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+namespace Nuv {
+namespace {
+
+const void* plus( const void* addressPtr, std::size_t nbrOfBytes )
+{
+    return static_cast< const char* >( addressPtr ) + nbrOfBytes;
+}
+
+// Not exported: the program has no name for it.
+__attribute__( ( noinline ) ) int hiddenFunction( int value )
+{
+    return value + 1;
+}
+
+} // namespace
+
+TEST( StackSymbol, NamesExportedFunctionsByObjectNameAndOffset )
+{
+    struct Row
+    {
+        const char* namePtr;
+        const char* objectPtr;
+    };
+    const Row rows[] = { { "abort", "libc.so" },
+                         { "fopen", "libc.so" },
+                         { "pthread_create", "libc.so" },
+                         { "_ZSt9terminatev", "libstdc++.so" },
+                         { "__cxa_throw", "libstdc++.so" },
+                         { "_Unwind_Resume", "libgcc_s.so" } };
+    for ( const Row& row : rows ) {
+        SCOPED_TRACE( row.namePtr );
+        const void* const addressPtr = ::dlsym( RTLD_DEFAULT, row.namePtr );
+        for ( const std::size_t offset : { 0, 1, 7 } ) {
+            const StackSymbol symbol( plus( addressPtr, offset ) );
+            ASSERT_NE( symbol.myNamePtr, nullptr );
+            // A function may be exported under several names.
+            EXPECT_EQ( ::dlsym( RTLD_DEFAULT, symbol.myNamePtr ), addressPtr ) << symbol.myNamePtr;
+            EXPECT_EQ( symbol.myOffset, offset );
+            EXPECT_NE( std::strstr( symbol.myObjectPtr, row.objectPtr ), nullptr );
+        }
+    }
+}
+
+TEST( StackSymbol, GivesTheOffsetInTheObjectWhereNoNameIsExported )
+{
+    const void* const addressPtr = reinterpret_cast< const void* >( &hiddenFunction );
+    Dl_info info{};
+    ASSERT_NE( ::dladdr( addressPtr, &info ), 0 );
+    const StackSymbol symbol( plus( addressPtr, 2 ) );
+    EXPECT_EQ( symbol.myNamePtr, nullptr );
+    EXPECT_EQ( plus( info.dli_fbase, symbol.myOffset ), plus( addressPtr, 2 ) );
+    EXPECT_NE( std::strstr( symbol.myObjectPtr, "nuvStackSymbolsTest" ), nullptr );
+}
+
+TEST( StackSymbol, IsEmptyOutsideAllObjects )
+{
+    const int local = 0;
+    for ( const void* const addressPtr :
+          { static_cast< const void* >( nullptr ), static_cast< const void* >( &local ),
+            reinterpret_cast< const void* >( UINTPTR_MAX ) } ) {
+        const StackSymbol symbol( addressPtr );
+        EXPECT_EQ( symbol.myObjectPtr, nullptr );
+        EXPECT_EQ( symbol.myNamePtr, nullptr );
+        EXPECT_EQ( symbol.myOffset, 0u );
+    }
+}
+
+} // namespace Nuv
