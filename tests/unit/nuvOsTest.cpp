@@ -11,6 +11,7 @@
 #include <numeric>
 #include <optional>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -175,6 +176,16 @@ bool startedAs( const std::string& identity )
     return false;
 }
 
+// The log makes its shared objects as the real user: not every namespace has the made-up ones.
+void openLog()
+{
+    const unsigned int effective = process().effective;
+    process().effective = static_cast< unsigned int >( ::syscall( SYS_geteuid ) );
+    ourEgid = static_cast< gid_t >( ::syscall( SYS_getegid ) );
+    Log::getStandardSource( Log::fatal );
+    process().effective = effective;
+}
+
 constexpr const char* ordinary = "1000 1000 0";
 constexpr const char* ofUser50 = "1000 50 0";
 constexpr const char* ofRoot = "1000 0 0";
@@ -209,6 +220,7 @@ TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
             EXPECT_EQ( process().effective, row.during );
             EXPECT_EQ( Suid::nbrOfSwitches(), 0u );
         }
+        openLog();
         const Log::Capture capture;
         setup.deinit();
         EXPECT_EQ( process().effective, row.after );
@@ -266,6 +278,7 @@ TEST( SuidProgram, RefusedSwitchIsToldAndTheWayBackStaysOpen )
     EXPECT_EQ( process().effective, 1000u );
     EXPECT_TRUE( suid.euidToFileOwner() );
     ourSwitchFault.arm( 1, EAGAIN );
+    openLog();
     const Log::Capture capture;
     suid.euidToLogin();
     EXPECT_TRUE( capture.contains( "errSystemError Could not set user id back from 50" ) );
@@ -308,6 +321,7 @@ TEST( SuperUserScope, TakesTheRealUserAlongOnDemandAndGivesBothBack )
         root.exit();
         EXPECT_EQ( process().real, 1000u );
         EXPECT_EQ( process().effective, 1000u );
+        openLog();
         const Log::Capture capture;
         ourSwitchFault.arm( 2, EPERM ); // that of the real id
         EXPECT_FALSE( root.enter() );
