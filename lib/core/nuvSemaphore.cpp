@@ -111,6 +111,12 @@ bool setOwnership( int semaphoreHandle, gid_t groupId, mode_t mode )
     status.sem_perm.mode = static_cast< decltype( status.sem_perm.mode ) >( mode );
     SemctlArgument argument;
     argument.buf = &status;
+    if ( ::semctl( semaphoreHandle, 0, IPC_SET, argument ) == 0 )
+        return true;
+    if ( errno != EINVAL )
+        return false;
+    // The user namespace of a container may not have that group: the creator's then.
+    status.sem_perm.gid = ::getegid();
     return ::semctl( semaphoreHandle, 0, IPC_SET, argument ) == 0;
 }
 
