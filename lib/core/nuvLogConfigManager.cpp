@@ -217,6 +217,7 @@ ConfigManager::ConfigManager()
     : mySemaphore( ourSegmentName, 1 )
     , myFacility( LOG_LOCAL6 )
 {
+    Drain::registerForkHandlers();
     static const int atforkResult =
         ::pthread_atfork( &prepareFork, &afterForkInParent, &afterForkInChild );
     static_cast< void >( atforkResult );

@@ -445,6 +445,11 @@ void Drain::seekFileMarker()
         myFile.seekMarker();
 }
 
+void Drain::registerForkHandlers()
+{
+    processId();
+}
+
 void Drain::afterForkInChild()
 {
     myFile.share();

@@ -123,6 +123,9 @@ private:
     bool putLine( std::string_view message );
     unsigned int elapsedMs( std::uint64_t localNs );
     void countMessage() { mySequenceNbr.fetch_add( 1, std::memory_order_relaxed ); }
+    /// Before the manager registers its own: handlers before a fork run newest first, and what
+    /// these lock comes behind the manager's mutex.
+    static void registerForkHandlers();
     /// From a fork on the file has two writers.
     void afterForkInParent() { myFile.share(); }
     /// Another thread may have held the mutex, and been about to change the line: both are made
