@@ -137,6 +137,8 @@ public:
     Severity severity() const { return mySeverity.load( std::memory_order_relaxed ); }
     /// The emission test.
     bool mayEmit() const { return severity() >= zone().severity(); }
+    /// For the logging statement. @return this, null if it may not emit
+    const Source* ptrIfMayEmit() const { return mayEmit() ? this : nullptr; }
     const Zone& zone() const { return *myZonePtr.load( std::memory_order_acquire ); }
     /// Null while unbound.
     Drain* drainPtr() const { return myDrainPtr.load( std::memory_order_relaxed ); }
@@ -264,11 +266,12 @@ private:
 } // namespace Nuv::Log
 
 /// The logging statement: nuvLogTo( source ) << "text"; the operands are evaluated only if the
-/// source may emit.
+/// source may emit. One statement without an "else", so that it may be the body of an "if" as it
+/// is.
 #define nuvLogTo( source )                                                                         \
-    if ( const ::Nuv::Log::Source& nuvLogSource = ( source ); !nuvLogSource.mayEmit() ) {          \
-    } else                                                                                         \
-        ::Nuv::Log::Helper( nuvLogSource ).logStream()
+    for ( const ::Nuv::Log::Source* nuvLogSourcePtr = ( source ).ptrIfMayEmit();                   \
+          nuvLogSourcePtr != nullptr; nuvLogSourcePtr = nullptr )                                  \
+    ::Nuv::Log::Helper( *nuvLogSourcePtr ).logStream()
 
 namespace Nuv {
 
