@@ -1,0 +1,140 @@
+#pragma once
+
+#include "nuvIpcInventory.h"
+
+#include <nlohmann/json.hpp>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// The parts of nuvctl: one function for each command, run after the command line has been read.
+///
+/// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
+/// check) run without the process frame: they create no directory, no log and no interprocess
+/// object, count as nobody's user and wait for no lock, so that they work while everything else
+/// hangs. "zones set" and "log emit" act through the library, inside the frame, after
+/// refuseIfLocked() has seen that nothing they need is taken for good.
+namespace Nuv::Ctl {
+
+/// The tool's exit statuses.
+enum Status
+{
+    good = 0,
+    problem = 1,
+    wrongUsage = 2
+};
+
+struct CommonOptions
+{
+    bool myJson = false;
+};
+
+using Json = nlohmann::ordered_json;
+
+// --- output -------------------------------------------------------------------------------------
+
+/// Columns of text, aligned.
+class Table
+{
+public:
+    explicit Table( std::vector< std::string > headings );
+
+    void add( std::vector< std::string > cells );
+    /// Prints headings and rows with two blanks between columns; nothing if there are no rows.
+    void print() const;
+    bool isEmpty() const { return myRows.size() == 1; }
+
+private:
+    std::vector< std::vector< std::string > > myRows; // the first holds the headings
+};
+
+/// Prints the document, indented; bytes that are no text appear as the replacement character.
+void printJson( const Json& document );
+
+/// Writes "nuvctl: " and the text to standard error.
+/// @return problem
+int complain( const std::string& text );
+
+/// "12 s", "3 min", "5 h", "2 d": how long ago a time (seconds since 1970) was; "-" for 0.
+std::string ageText( std::int64_t now, std::int64_t time );
+
+/// The text with every byte that would disturb a terminal written as "\x1b".
+std::string printable( const std::string& text );
+
+// --- the installation ---------------------------------------------------------------------------
+
+/// The special pathnames, found without creating anything.
+struct Installation
+{
+    struct Entry
+    {
+        std::string myName;     ///< "rootDirectory" ...
+        std::string myPathname; ///< "" if there is none
+        std::string mySource;   ///< where it comes from
+    };
+
+    static Installation find();
+
+    std::string myRoot;
+    std::string myIpcDirectory;
+    std::vector< Entry > myEntries;
+};
+
+/// Refuses (complains and returns false) when the master semaphore or the lock of the shared zone
+/// table stays taken for two seconds: what follows would wait for ever.
+bool refuseIfLocked();
+
+/// Runs the command as Nuv::main() of a library process: as task "main", while this thread
+/// dispatches signals. To be called once.
+/// @return the command's status; problem if it threw
+int runInFrame( std::function< int() > command );
+
+// --- commands -----------------------------------------------------------------------------------
+
+int runPaths( const CommonOptions& common );
+
+int listZones( const CommonOptions& common );
+
+struct ZonesSetOptions
+{
+    std::string myZone; ///< empty: all zones
+    std::string mySeverity;
+    std::string myFlags;
+    bool myHasFlags = false;
+    unsigned int mySeconds = 0; ///< 0: for good
+};
+int setZones( const CommonOptions& common, const ZonesSetOptions& options );
+
+struct EmitOptions
+{
+    std::string myZone;
+    std::string mySeverity;
+    std::vector< std::string > myWords; ///< joined by blanks, the text
+};
+int emitLog( const CommonOptions& common, const EmitOptions& options );
+
+struct ReadLogOptions
+{
+    std::string myFile; ///< empty: the log application's file, or "main.log" without one
+    bool myFollow = false;
+};
+int readLog( const CommonOptions& common, const ReadLogOptions& options );
+
+int showFifo( const CommonOptions& common, const std::string& name );
+
+struct ThreadsOptions
+{
+    std::string myProcess; ///< name or id; empty: all
+    bool myWatch = false;
+    unsigned int myIntervalMs = 1000;
+};
+int showThreads( const CommonOptions& common, const ThreadsOptions& options );
+
+int listIpc( const CommonOptions& common );
+int doctorIpc( const CommonOptions& common );
+int repairIpc( const CommonOptions& common, bool yes );
+
+int checkConfiguration( const CommonOptions& common, const std::string& file );
+
+} // namespace Nuv::Ctl

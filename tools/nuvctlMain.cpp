@@ -1,0 +1,225 @@
+#include "nuvctl.h"
+
+#include "nuvMainThread.h"
+#include "nuvSignalHandler.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+namespace {
+
+using namespace Nuv::Ctl;
+
+std::function< int() > ourFramedCommand;
+sigset_t ourInheritedSignals; // as the library's start-up left them
+
+/// The command line, as it was understood, and what it asks for.
+struct CommandLine
+{
+    CommonOptions myCommon;
+    ZonesSetOptions myZonesSet;
+    bool myAllZones = false;
+    EmitOptions myEmit;
+    ReadLogOptions myReadLog;
+    ThreadsOptions myThreads;
+    std::string myFifo;
+    std::string myCheckedFile;
+    bool myYes = false;
+    std::function< int() > myCommand;
+};
+
+CLI::App* addCommand( CLI::App* parentPtr, const char* namePtr, const char* helpPtr,
+                      CommandLine* linePtr, std::function< int() > command )
+{
+    CLI::App* const appPtr = parentPtr->add_subcommand( namePtr, helpPtr );
+    appPtr->add_flag( "--json", linePtr->myCommon.myJson, "Print JSON, for scripts" );
+    appPtr->callback( [=, command = std::move( command )] {
+        if ( !linePtr->myCommand )
+            linePtr->myCommand = command;
+    } );
+    return appPtr;
+}
+
+int setNamedOrAllZones( const CommandLine& line )
+{
+    if ( line.myZonesSet.myZone.empty() && !line.myAllZones )
+        return complain( "zones set: give a zone's name or --all" ), wrongUsage;
+    return setZones( line.myCommon, line.myZonesSet );
+}
+
+void addZones( CLI::App* appPtr, CommandLine* linePtr )
+{
+    CLI::App* const zonesPtr = addCommand(
+        appPtr, "zones", "Show the log zones of all processes: threshold, fields of a line, drain",
+        linePtr, [=] { return listZones( linePtr->myCommon ); } );
+    CLI::App* const setPtr =
+        addCommand( zonesPtr, "set", "Change a zone, or all, in all processes at once", linePtr,
+                    [=] { return setNamedOrAllZones( *linePtr ); } );
+    ZonesSetOptions* const optionsPtr = &linePtr->myZonesSet;
+    auto* const namePtr = setPtr->add_option( "name", optionsPtr->myZone, "The zone" );
+    auto* const allPtr = setPtr->add_flag( "--all", linePtr->myAllZones,
+                                           "All zones, also those opened from now on" );
+    namePtr->excludes( allPtr );
+    setPtr->add_option( "--severity", optionsPtr->mySeverity,
+                        "What passes, with what is graver: debug, timing, warning, error, fatal; "
+                        "or none" );
+    setPtr
+        ->add_option( "--flags", optionsPtr->myFlags,
+                      "Fields before the text, separated by commas: sequencenbr, currenttime, "
+                      "elapsedtime, appname, threadid, zonename, severity" )
+        ->each( [=]( const std::string& ) { optionsPtr->myHasFlags = true; } );
+    setPtr
+        ->add_option( "--for", optionsPtr->mySeconds,
+                      "Wait so many seconds, then put the old values back (also on Ctrl-C)" )
+        ->check( CLI::Range( 1u, 4000000u ) );
+}
+
+void addLog( CLI::App* appPtr, CommandLine* linePtr )
+{
+    CLI::App* const logPtr = appPtr->add_subcommand(
+        "log",
+        "Write a line to the log, or read a log file.\n"
+        "\"log ZONE SEVERITY TEXT\" is short for \"log emit ZONE SEVERITY TEXT\"; a zone that "
+        "is named emit, cat or follow needs the long form" );
+    logPtr->require_subcommand( 1 );
+    CLI::App* const emitPtr =
+        addCommand( logPtr, "emit", "Write one line through the library", linePtr,
+                    [=] { return emitLog( linePtr->myCommon, linePtr->myEmit ); } );
+    emitPtr->add_option( "zone", linePtr->myEmit.myZone, "The zone" )->required();
+    emitPtr
+        ->add_option( "severity", linePtr->myEmit.mySeverity,
+                      "debug, timing, warning, error or fatal" )
+        ->required();
+    emitPtr->add_option( "text", linePtr->myEmit.myWords, "The text; words are joined by blanks" )
+        ->required();
+    const auto addReader = [=]( const char* namePtr, const char* helpPtr, bool isFollowing ) {
+        CLI::App* const readPtr = addCommand( logPtr, namePtr, helpPtr, linePtr, [=] {
+            linePtr->myReadLog.myFollow = isFollowing;
+            return readLog( linePtr->myCommon, linePtr->myReadLog );
+        } );
+        readPtr->add_option(
+            "file", linePtr->myReadLog.myFile,
+            "A name in the log directory, or a pathname with \"/\"; without it the "
+            "log application's file, or main.log" );
+    };
+    addReader( "cat", "Print a wrap-around file in the order of time", false );
+    addReader( "follow", "Print its last lines, then what is written, until interrupted", true );
+}
+
+void addIpc( CLI::App* appPtr, CommandLine* linePtr )
+{
+    CLI::App* const ipcPtr = addCommand( appPtr, "ipc",
+                                         "Show the interprocess objects, find and repair what dead "
+                                         "processes left; without a command: list",
+                                         linePtr, [=] { return listIpc( linePtr->myCommon ); } );
+    addCommand( ipcPtr, "list", "Every object: ids, value, users, waiting, last process, age",
+                linePtr, [=] { return listIpc( linePtr->myCommon ); } );
+    addCommand( ipcPtr, "doctor",
+                "Find semaphores left taken, stale use counts, leftovers, records of the dead",
+                linePtr, [=] { return doctorIpc( linePtr->myCommon ); } );
+    CLI::App* const repairPtr =
+        addCommand( ipcPtr, "repair", "Put right what the doctor finds; asks about each", linePtr,
+                    [=] { return repairIpc( linePtr->myCommon, linePtr->myYes ); } );
+    repairPtr->add_flag( "-y,--yes", linePtr->myYes, "Do not ask" );
+}
+
+void addOthers( CLI::App* appPtr, CommandLine* linePtr )
+{
+    addCommand( appPtr, "paths", "Show the special pathnames and where each comes from", linePtr,
+                [=] { return runPaths( linePtr->myCommon ); } );
+    addZones( appPtr, linePtr );
+    addLog( appPtr, linePtr );
+    CLI::App* const fifoPtr =
+        addCommand( appPtr, "fifo", "Show what an interprocess FIFO holds, without taking it out",
+                    linePtr, [=] { return showFifo( linePtr->myCommon, linePtr->myFifo ); } );
+    fifoPtr->add_option( "name", linePtr->myFifo, "The FIFO, for instance logAppFifo" )->required();
+    CLI::App* const threadsPtr = addCommand(
+        appPtr, "threads", "Show every library thread: state, what it waits for, status", linePtr,
+        [=] { return showThreads( linePtr->myCommon, linePtr->myThreads ); } );
+    threadsPtr->add_option( "process", linePtr->myThreads.myProcess,
+                            "Only this process (name or id)" );
+    threadsPtr->add_flag( "--watch", linePtr->myThreads.myWatch,
+                          "Again and again, until interrupted" );
+    threadsPtr
+        ->add_option( "--interval-ms", linePtr->myThreads.myIntervalMs, "With --watch: pause" )
+        ->check( CLI::Range( 50u, 3600000u ) );
+    addIpc( appPtr, linePtr );
+    CLI::App* const checkPtr = addCommand(
+        appPtr, "check", "Find mistakes in nuvs.conf and log.conf that the reader forgives",
+        linePtr, [=] { return checkConfiguration( linePtr->myCommon, linePtr->myCheckedFile ); } );
+    checkPtr->add_option( "file", linePtr->myCheckedFile,
+                          "The file; without it both files of this installation" );
+}
+
+/// "log ZONE SEVERITY TEXT" is read as "log emit ZONE SEVERITY TEXT".
+std::vector< std::string > expandedArguments( int argc, char** argv )
+{
+    std::vector< std::string > arguments( argv + 1, argv + argc );
+    if ( arguments.size() < 2 || arguments[0] != "log" )
+        return arguments;
+    const std::string& next = arguments[1];
+    if ( next != "emit" && next != "cat" && next != "follow" && next != "-h" && next != "--help" )
+        arguments.insert( arguments.begin() + 1, "emit" );
+    return arguments;
+}
+
+/// Interrupt signals end a command that only looks, as they end any other program: loading the
+/// library has blocked them.
+void unblockSignals()
+{
+    sigset_t none;
+    sigemptyset( &none );
+    ::sigprocmask( SIG_SETMASK, &none, &ourInheritedSignals );
+}
+
+int runGuarded( const std::function< int() >& command )
+try {
+    return command();
+} catch ( const Nuv::RuntimeException& exception ) {
+    return complain( exception.what() );
+} catch ( const Nuv::FixedTextException& exception ) {
+    return complain( exception.what() );
+} catch ( const std::exception& exception ) {
+    return complain( exception.what() );
+}
+
+} // namespace
+
+int Nuv::Ctl::runInFrame( std::function< int() > command )
+{
+    char name[] = "nuvctl";
+    char* arguments[] = { name, nullptr };
+    ourFramedCommand = std::move( command );
+    ::sigprocmask( SIG_SETMASK, &ourInheritedSignals, nullptr );
+    Mt::SignalHandler::singletonPtr();
+    const int status = Mt::startMainThread( 1, arguments );
+    return status < 0 ? problem : status;
+}
+
+int Nuv::main( int, char** )
+{
+    return runGuarded( ourFramedCommand );
+}
+
+int main( int argc, char** argv )
+{
+    unblockSignals();
+    CommandLine line;
+    CLI::App app( "nuvctl: looks at and controls the daemons of this installation.\n"
+                  "Exit status: 0 good, 1 a problem was found or something was not, 2 wrong usage.",
+                  "nuvctl" );
+    app.require_subcommand( 1 );
+    app.add_flag( "--json", line.myCommon.myJson, "Print JSON, for scripts" );
+    addOthers( &app, &line );
+    std::vector< std::string > arguments = expandedArguments( argc, argv );
+    std::reverse( arguments.begin(), arguments.end() ); // as the parser wants them
+    try {
+        app.parse( arguments );
+    } catch ( const CLI::ParseError& error ) {
+        return app.exit( error ) == 0 ? good : wrongUsage;
+    }
+    return runGuarded( line.myCommand );
+}
