@@ -5,6 +5,7 @@
 
 #include "nuvLogCapture.h"
 #include "nuvLogConfigManager.h"
+#include "nuvThreadleton.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -110,6 +111,7 @@ void pending()
         threadId = ::gettid();
         const Log::Source source( Log::error, "builder" );
         nuvLogTo( source ) << "builder";
+        Mt::ThreadletonMgr::singletonPtr()->deleteThreadletons();
     } );
     while ( threadId == 0 || !isBlocked( threadId ) )
         std::this_thread::yield();
