@@ -268,8 +268,8 @@ TEST( OBufferStreamGrowth, DoublesFrom128Bytes )
         expectBuffer( *stream.bufferPtr(), std::string( count, 'x' ), capacity );
     }
     OBufferStream atOnce;
-    atOnce.write( std::string( 1000, 'z' ).data(), 1000 );
-    expectBuffer( *atOnce.bufferPtr(), std::string( 1000, 'z' ), 1024 );
+    atOnce.write( std::string( 1024, 'z' ).data(), 1024 );
+    expectBuffer( *atOnce.bufferPtr(), std::string( 1024, 'z' ), 1024 );
 }
 
 TEST( OBufferStreamOutput, AgreesWithTheStandardStream )
@@ -283,12 +283,21 @@ TEST( OBufferStreamOutput, AgreesWithTheStandardStream )
         stream << std::numeric_limits< long long >::min() << ' ' << UINT64_MAX << ' ' << short( -3 )
                << 4u;
         stream << static_cast< unsigned char >( 'u' ) << static_cast< signed char >( 's' );
-        stream << std::setw( 6 ) << "w" << std::setw( 3 ) << 'c' << std::left << std::setw( 5 )
-               << 7;
-        stream << std::hex << std::showbase << 255 << -1 << std::oct << 8 << std::dec
-               << std::showpos << 5;
-        stream << std::noshowpos << std::setfill( '*' ) << std::setw( 4 ) << 1 << std::endl
-               << "end";
+        // A manipulator returns the plain stream, so what follows it stands alone.
+        const auto set = [&stream]( auto manipulator ) { stream << manipulator; };
+        set( std::setw( 6 ) ), stream << "w";
+        set( std::setw( 3 ) ), stream << 'c';
+        set( std::left ), set( std::setw( 5 ) ), stream << 7;
+        set( std::setfill( '*' ) ), set( std::setw( 4 ) ), stream << text;
+        for ( const auto base : { std::ios_base::hex, std::ios_base::oct, std::ios_base::dec } ) {
+            stream.setf( base, std::ios_base::basefield );
+            stream << 255 << -1 << ' ';
+            stream.setf( std::ios_base::showbase | std::ios_base::showpos );
+            stream << 8 << ' ' << 8u;
+            stream.unsetf( std::ios_base::showpos );
+        }
+        stream << std::endl;
+        stream << "end";
         stream.setstate( std::ios_base::failbit );
         stream << "not written" << 1 << 'c';
     };
@@ -372,6 +381,10 @@ TEST( OBufferStreamSeek, MovesTheEndAndLeavesNoByteUndefined )
     EXPECT_EQ( 600u, stream.bufferPtr()->capacity() );
     stream.seekp( 0, std::ios_base::end );
     EXPECT_EQ( 600, stream.tellp() );
+    stream.reset();
+    stream.seekp( 3 ); // over what was written before the reset
+    EXPECT_EQ( std::string( 3, '\0' ), stream.view() );
+    stream.seekp( 600 );
     std::streambuf* const bufPtr = stream.rdbuf();
     EXPECT_EQ( -1, bufPtr->pubseekoff( -601, std::ios_base::cur ) );
     EXPECT_EQ( -1, bufPtr->pubseekoff( INT64_MAX, std::ios_base::cur ) );

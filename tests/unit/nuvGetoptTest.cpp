@@ -79,19 +79,19 @@ TEST( GetoptParsing, OpterrZeroSilencesTheMessages )
 
 TEST( GetoptParsing, StartsAnewWhereTheCallerSetsTheIndex )
 {
-    char program[] = "program", cluster[] = "-abcdef", single[] = "-x";
-    char* const longArgv[] = { program, cluster, single, nullptr };
+    char program[] = "program", cluster[] = "-abcdef", other[] = "-xyz", single[] = "-z";
+    char* const longArgv[] = { program, cluster, other, nullptr };
     char* const shortArgv[] = { program, single, nullptr };
+    const char* const options = "abcdefxyz";
     optind = 1;
-    EXPECT_EQ( 'a', getopt( 3, longArgv, "abcdefx" ) );
-    EXPECT_EQ( 'b', getopt( 3, longArgv, "abcdefx" ) );
-    EXPECT_EQ( 'x',
-               getopt( 2, shortArgv, "abcdefx" ) ); // its argument is shorter than the old index
+    EXPECT_EQ( 'a', getopt( 3, longArgv, options ) );
+    EXPECT_EQ( 'b', getopt( 3, longArgv, options ) );
+    EXPECT_EQ( 'z', getopt( 2, shortArgv, options ) ); // its argument is shorter than the old index
     EXPECT_EQ( 2, optind );
     optind = 1;
-    EXPECT_EQ( 'a', getopt( 3, longArgv, "abcdefx" ) );
+    EXPECT_EQ( 'a', getopt( 3, longArgv, options ) );
     optind = 2;
-    EXPECT_EQ( 'x', getopt( 3, longArgv, "abcdefx" ) );
+    EXPECT_EQ( 'x', getopt( 3, longArgv, options ) );
     for ( const int index : { 3, 4, -1 } ) {
         optind = index;
         EXPECT_EQ( -1, getopt( 4, longArgv, "a" ) );

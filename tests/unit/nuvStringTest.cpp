@@ -153,6 +153,8 @@ TEST( SimpleStrText, IsCutAtLengthOrNulAndOwned )
     EXPECT_STREQ( "abc", text.cStr() );
     text.assign( "ab\0cd", 5 );
     EXPECT_STREQ( "ab", text.cStr() );
+    text.alloc( "ab", 50000000 ); // nothing behind the NUL is read
+    EXPECT_STREQ( "ab", text.cStr() );
     text = text.cStr() + 1; // part of itself
     EXPECT_STREQ( "b", text.cStr() );
     SimpleStr copy( text );
