@@ -1,0 +1,89 @@
+// The configuration reader on any bytes: what it reads can be found again under its path, the
+// checking load reads the same, and a number is one exactly where the C library sees a whole one.
+
+#include "nuvConfig.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+using Nuv::Utils::Config;
+
+namespace {
+
+void require( bool condition )
+{
+    if ( !condition )
+        std::abort();
+}
+
+void requireValue( const Config::Node& node, const std::string& key, const Config::Value& value )
+{
+    const bool isNumber = value.type == Config::Value::integer;
+    require( !key.empty() && key.find_first_of( "= \t\n" ) == std::string::npos );
+    require( node.intValue( key, 1 ) == ( isNumber ? value.number : 1 ) );
+    require( node.intValue( key, 2 ) == ( isNumber ? value.number : 2 ) );
+    require( node.stringValue( key, "?" ) == value.text );
+    if ( isNumber )
+        require( value.text == std::to_string( value.number ) );
+}
+
+void requireSame( const Config& config, const Config::Node& a, const Config::Node& b )
+{
+    require( a.name() == b.name() && a.values().size() == b.values().size() );
+    if ( a.path().size() < 1000 ) // the search for a path is not free
+        require( config.findKey( a.path() ) == &a );
+    for ( auto i = a.values().begin(), k = b.values().begin(); i != a.values().end(); ++i, ++k ) {
+        require( i->first == k->first && i->second.text == k->second.text &&
+                 i->second.type == k->second.type );
+        requireValue( a, i->first, i->second );
+    }
+    require( a.children().size() == b.children().size() );
+}
+
+// The bytes as the value of one key, beside strtol() on a text that it would be given.
+void requireNumberRule( const std::string& text )
+{
+    if ( text.empty() || text.find_first_of( std::string( "\n\0", 2 ) ) != std::string::npos ||
+         std::string( "+-0123456789" ).find( text[0] ) == std::string::npos ||
+         std::string( " \t\r" ).find( text.back() ) != std::string::npos )
+        return;
+    std::istringstream stream( "k=" + text );
+    const Config config( stream );
+    char* endPtr = nullptr;
+    errno = 0;
+    const long long number = std::strtoll( text.c_str(), &endPtr, 0 );
+    const bool isNumber = *endPtr == '\0' && endPtr != text.c_str() && errno == 0 &&
+                          number < 2147483647 && number > -2147483648LL;
+    const Config::Value* const valuePtr = config.root().findValue( "k" );
+    require( valuePtr->type == ( isNumber ? Config::Value::integer : Config::Value::string ) );
+    require( valuePtr->text == ( isNumber ? std::to_string( number ) : text ) );
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t nbrOfBytes )
+{
+    const std::string text( reinterpret_cast< const char* >( dataPtr ), nbrOfBytes );
+    requireNumberRule( text );
+    std::istringstream stream( text ), again( text );
+    const Config config( stream );
+    Config checked;
+    Config::Remarks remarks;
+    checked.loadChecked( again, &remarks );
+    for ( const Config::Remark& remark : remarks ) {
+        require( remark.lineNbr >= 1 && remark.lineNbr <= nbrOfBytes &&
+                 *remark.reasonStr() != '\0' );
+    }
+    // Down the first sections only: their number may be large, the order is that of the map.
+    const Config::Node* aPtr = &config.root();
+    const Config::Node* bPtr = &checked.root();
+    for ( requireSame( config, *aPtr, *bPtr ); !aPtr->children().empty(); ) {
+        aPtr = aPtr->children().rbegin()->second;
+        bPtr = bPtr->children().rbegin()->second;
+        requireSame( config, *aPtr, *bPtr );
+    }
+    return 0;
+}

@@ -1,0 +1,345 @@
+#include "nuvConfig.h"
+
+#include "nuvTestSupport.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace Nuv::Utils {
+namespace {
+
+void load( Config* configPtr, const std::string& text )
+{
+    std::istringstream stream( text );
+    configPtr->loadFrom( stream );
+}
+
+TEST( ConfigValues, ReadAsIntegerOrTextByTheirShape )
+{
+    constexpr int none = -99; // what intValue() gives for a text
+    const struct
+    {
+        const char* linePtr; // assigns "k"
+        const char* textPtr;
+        int number;
+    } rows[] = {
+        { "k = 8080", "8080", 8080 },
+        { "k = 8080 # web", "8080 # web", none },
+        { "k=0x1F", "31", 31 },
+        { "k=-0X1f", "-31", -31 },
+        { "k=017", "15", 15 },
+        { "k=08", "08", none },
+        { "k=0", "0", 0 },
+        { "k=-0", "0", 0 },
+        { "k=+5", "5", 5 },
+        { "k=+-5", "+-5", none },
+        { "k=-", "-", none },
+        { "k=+", "+", none },
+        { "k=0x", "0x", none },
+        { "k=0x-1", "0x-1", none },
+        { "k=0b101", "0b101", none },
+        { "k=- 5", "- 5", none },
+        { "k=1.5", "1.5", none },
+        { "k=2147483646", "2147483646", 2147483646 },
+        { "k=2147483647", "2147483647", none },
+        { "k=-2147483647", "-2147483647", -2147483647 },
+        { "k=-2147483648", "-2147483648", none },
+        { "k=4294967297", "4294967297", none },
+        { "k=0xFFFFFFFF1", "0xFFFFFFFF1", none },
+        { "k=99999999999999999999", "99999999999999999999", none },
+        { "k", "", none },
+        { "k =", "", none },
+        { "k = \t ", "", none },
+        { "k x = c", "c", none },
+        { "k\tx = c = d", "c = d", none },
+        { "=k", "k", none }, // the key is the first run of other characters, wherever the '=' is
+        { "  k  =  a \"b\" #c  \t\r", "a \"b\" #c", none },
+        { "k = \"a\\tb\"", "a\tb", none },
+        { "k = \"\\n\\r\\t\\\\\\\"\\x\" rest", "\n\r\t\\\"x", none },
+        { "k = \"a\\\\nb\"", "a\\nb", none },
+        { "k = \"a\\\"", "a\\", none }, // the backslash is the last character of the text
+        { "k = \"a\" b \"c\" d", "a\" b \"c", none },
+        { "k = \"open", "", none },
+        { "k = \"", "", none },
+        { "k = \"\"", "", none },
+        { "k = \"12\"", "12", none },
+    };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.linePtr );
+        Config config;
+        load( &config, row.linePtr );
+        EXPECT_EQ( 1, std::distance( config.tspBegin( "" ), config.tspEnd( "" ) ) );
+        EXPECT_EQ( row.textPtr, config.stringValue( "", "k", "?" ) );
+        EXPECT_EQ( row.number, config.intValue( "", "k", none ) );
+        EXPECT_EQ( static_cast< unsigned int >( row.number ),
+                   config.uIntValue( "", "k", static_cast< unsigned int >( none ) ) );
+    }
+}
+
+TEST( ConfigValues, BooleansComeFromTheTableOrTheNumber )
+{
+    for ( const char* textPtr : { "T", "TRUE", "Y", "YES", "t", "true", "y", "yes", "2", "-1" } ) {
+        SCOPED_TRACE( textPtr );
+        Config config;
+        load( &config, std::string( "k=" ) + textPtr );
+        EXPECT_TRUE( config.boolValue( "", "k", false ) );
+    }
+    for ( const char* textPtr : { "F", "FALSE", "N", "NO", "f", "false", "n", "no", "0" } ) {
+        SCOPED_TRACE( textPtr );
+        Config config;
+        load( &config, std::string( "k=" ) + textPtr );
+        EXPECT_FALSE( config.boolValue( "", "k", true ) );
+    }
+    for ( const char* textPtr : { "Yes", "on", "", "\"1\"", "yes no", "08" } ) {
+        SCOPED_TRACE( textPtr );
+        Config config;
+        load( &config, std::string( "k=" ) + textPtr );
+        EXPECT_TRUE( config.boolValue( "", "k", true ) );
+        EXPECT_FALSE( config.boolValue( "", "k", false ) );
+    }
+}
+
+// The sections and pairs of the tree, in order: "path{key=text,...}".
+std::string shape( const Config::Node& node )
+{
+    std::string result = node.path() + "{";
+    for ( const auto& [key, value] : node.values() ) {
+        result += key + "=" + value.text + ",";
+    }
+    result += "}";
+    for ( const auto& [name, childPtr] : node.children() ) {
+        EXPECT_EQ( name, childPtr->name() );
+        result += shape( *childPtr );
+    }
+    return result;
+}
+
+TEST( ConfigSections, AreAbsoluteAndMerge )
+{
+    const struct
+    {
+        const char* textPtr;
+        const char* shapePtr;
+    } rows[] = {
+        { "", "{}" },
+        { "\n \t\r\n#a=b\n;c=d\n =\t= \n", "{}" },
+        { "[x]\nk=1\n[y/z]\nk=2\n[x]\nk=3\n", "{}x{k=3,}y{}y/z{k=2,}" },
+        { "[a]b]\nk=1\n[a/b]\nl=2", "{}a{}a/b{k=1,l=2,}" },
+        { "[a]\n[]\nk=1\n[//]]/]\nl=2", "{k=1,l=2,}a{}" },
+        { "[a//b", "{}a{}a/b{}" },
+        { "  [ a ]  # c\r\nk=1\r\n", "{} a {} a /  # c{k=1,}" }, // text behind the ']' is a name
+        { "b=1\na=2\n[B]\n[A]\nB=1\nb=1\nB=x", "{a=2,b=1,}A{B=x,b=1,}B{}" },
+        { "k=1\nk=a\nk=2", "{k=2,}" },
+        { "[a]\nk=1\n#[b]\nl=2", "{}a{k=1,l=2,}" },
+    };
+    for ( const auto& row : rows ) {
+        SCOPED_TRACE( row.textPtr );
+        Config config;
+        load( &config, row.textPtr );
+        EXPECT_EQ( row.shapePtr, shape( config.root() ) );
+    }
+}
+
+TEST( ConfigSections, LoadsOneUponTheOther )
+{
+    Config config;
+    load( &config, "k=1\nl=2\n[a]\nm=3" );
+    load( &config, "k=x\n[a/b]\nn=4" ); // begins at the root again
+    EXPECT_EQ( "{k=x,l=2,}a{m=3,}a/b{n=4,}", shape( config.root() ) );
+    EXPECT_EQ( 7, config.intValue( "", "k", 7 ) );
+}
+
+TEST( ConfigSections, MissingOnesYieldDefaultsAndEmptyRanges )
+{
+    Config config;
+    load( &config, "k=1\n[a/b]\nk=2\n[a/c]\n[d]" );
+    for ( const char* pathPtr :
+          { "x", "a/x", "a/b/x", "/", "/a", "a/", "a//b", "a/b/", "A", " a" } ) {
+        SCOPED_TRACE( pathPtr );
+        EXPECT_EQ( nullptr, config.findKey( pathPtr ) );
+        const Config::KeyIterator section = config.keyIterator( pathPtr );
+        EXPECT_FALSE( section.isValid() );
+        EXPECT_EQ( config.begin( pathPtr ), config.end( pathPtr ) );
+        EXPECT_EQ( config.begin( section ), config.end( section ) );
+        EXPECT_EQ( config.tspBegin( pathPtr ), config.tspEnd( pathPtr ) );
+        EXPECT_EQ( config.tspBegin( section ), config.tspEnd( section ) );
+        EXPECT_EQ( 7, config.intValue( pathPtr, "k", 7 ) );
+        EXPECT_EQ( 8u, config.uIntValue( section, "k", 8 ) );
+        EXPECT_EQ( "text", config.stringValue( section, "k", "text" ) );
+        EXPECT_TRUE( config.boolValue( pathPtr, "k", true ) );
+    }
+    EXPECT_EQ( config.keyIterator( "a/x" ), config.end( "a" ) ); // where the walk stopped
+    EXPECT_FALSE( Config::KeyIterator().isValid() );
+    EXPECT_EQ( 7, config.intValue( "a/b", "missing", 7 ) );
+}
+
+TEST( ConfigSections, IteratorsAddressThemOnceAndQueryOften )
+{
+    Config config;
+    load( &config, "r=1\n[zone/b]\nk=0x10\nl=no\n[zone/a]\n[zone/c/d]" );
+    std::string names;
+    for ( Config::KeyIterator i = config.begin( "zone" ); i != config.end( "zone" ); ++i ) {
+        names += i->first + ( i->second->values().empty() ? "" : "+" );
+    }
+    EXPECT_EQ( "ab+c", names );
+    const Config::KeyIterator section = config.keyIterator( "zone/b" );
+    ASSERT_TRUE( section.isValid() );
+    EXPECT_EQ( "b", ( *section ).first );
+    EXPECT_EQ( 16, config.intValue( section, "k", 0 ) );
+    EXPECT_EQ( "16", config.stringValue( section, "k", "" ) );
+    EXPECT_FALSE( config.boolValue( section, "l", true ) );
+    EXPECT_EQ( "l", std::next( config.tspBegin( section ) )->first );
+    EXPECT_EQ( 2, std::distance( config.tspBegin( section ), config.tspEnd( section ) ) );
+    EXPECT_EQ( 1, config.intValue( config.keyIterator( "" ), "r", 0 ) );
+    EXPECT_EQ( "d", config.begin( config.keyIterator( "zone/c" ) )->first );
+    EXPECT_EQ( config.begin( "zone" ), std::prev( section ) );
+}
+
+TEST( ConfigNode, BuildsTheTreeByHand )
+{
+    Config config;
+    Config::Node* const nodePtr = config.findKey( "" )->addChild( "a" );
+    EXPECT_EQ( nodePtr, config.findKey( "" )->addChild( "a" ) );
+    nodePtr->addTokenValuePair( "k", -12 );
+    EXPECT_EQ( Config::Value::integer, nodePtr->findValue( "k" )->type );
+    EXPECT_EQ( "-12", config.stringValue( "a", "k", "" ) );
+    nodePtr->addTokenValuePair( "k", "text" );
+    EXPECT_EQ( Config::Value::string, nodePtr->findValue( "k" )->type );
+    EXPECT_EQ( 0, nodePtr->findValue( "k" )->number );
+    nodePtr->addTokenValuePair( "m", 2147483647 ); // only a line of text cannot hold it
+    EXPECT_EQ( 2147483647, nodePtr->intValue( "m", 0 ) );
+    Config::Children::const_iterator pos;
+    EXPECT_EQ( nodePtr, config.root().findChild( "a", &pos ) );
+    EXPECT_EQ( config.root().children().begin(), pos );
+    EXPECT_EQ( nullptr, config.root().findChild( "b", &pos ) );
+    EXPECT_EQ( config.root().children().end(), pos );
+}
+
+TEST( ConfigNode, TreeOfAnyDepthIsReleased )
+{
+    std::string header = "[";
+    for ( int i = 0; i < 200000; ++i ) {
+        header += "a/b/";
+    }
+    Config config;
+    load( &config, header + "\nk=1\n[c]" );
+    const Config::Node* nodePtr = &config.root();
+    std::size_t depth = 0;
+    for ( ; !nodePtr->children().empty(); ++depth ) {
+        nodePtr = nodePtr->children().begin()->second;
+    }
+    EXPECT_EQ( 400000u, depth );
+    EXPECT_EQ( 799999u, nodePtr->path().size() );
+    EXPECT_EQ( 1, nodePtr->intValue( "k", 0 ) );
+}
+
+TEST( ConfigChecked, ReportsWhatTheReaderSwallowed )
+{
+    const std::string text = "a = 1\n"
+                             "= \t=\n"
+                             "[s/t] u\n"
+                             "b\n"
+                             "c d = e\n"
+                             "f = \"open\n"
+                             "g = \"h\" i\n"
+                             "j = 08\n"
+                             "j = 12 # twice\n"
+                             "[v\n"
+                             "k = 240K\n";
+    std::istringstream stream( text );
+    Config config;
+    Config::Remarks remarks;
+    config.loadChecked( stream, &remarks );
+    std::string report;
+    for ( const Config::Remark& remark : remarks ) {
+        report += std::to_string( remark.lineNbr ) + ' ' + remark.section + '|' + remark.key + '|' +
+                  remark.line + '|' + remark.reasonStr() + '\n';
+    }
+    EXPECT_EQ( "2 ||= \t=|no key: line ignored\n"
+               "3 s/t/ u||[s/t] u|text behind ']' read as a section name\n"
+               "4 s/t/ u|b|b|no '=': the value is empty\n"
+               "5 s/t/ u|c|c d = e|text between key and '=' ignored\n"
+               "6 s/t/ u|f|f = \"open|quote not closed: the value is empty\n"
+               "7 s/t/ u|g|g = \"h\" i|text behind the closing quote ignored\n"
+               "8 s/t/ u|j|j = 08|reads as text, not as a number\n"
+               "9 s/t/ u|j|j = 12 # twice|overwrites an earlier value of the key\n"
+               "9 s/t/ u|j|j = 12 # twice|reads as text, not as a number\n"
+               "10 v||[v|section header without ']'\n"
+               "11 v|k|k = 240K|reads as text, not as a number\n",
+               report );
+    Config plain;
+    load( &plain, text );
+    EXPECT_EQ( shape( plain.root() ), shape( config.root() ) );
+}
+
+TEST( ConfigChecked, FindsNothingInWhatIsMeant )
+{
+    for ( const char* linePtr : { "", "# = \"", "k = 12", "k = -0x1F", "k = 127.1.128.1",
+                                  "k = 10:30:00", "k = 2024-01-31", "k = \"12 34\"", "k = -verbose",
+                                  "k = +", "k =", "[a/b]", "[]", "k = a = b", "k = 1abcd" } ) {
+        SCOPED_TRACE( linePtr );
+        std::istringstream stream( linePtr );
+        Config::Remarks remarks;
+        Config config;
+        load( &config, "k = 1" );
+        config.loadChecked( stream, &remarks );
+        EXPECT_TRUE( remarks.empty() );
+    }
+}
+
+TEST( ConfigFile, LoadsFilesAndIgnoresWhatIsNone )
+{
+    const NuvTest::TemporaryFolder folder;
+    std::string big = "first = 1\n#" + std::string( 100000, 'x' ) + "\nlast = 2"; // no final LF
+    NuvTest::writeFile( folder.path( "a.conf" ), big );
+    const Config config( folder.path( "a.conf" ) );
+    EXPECT_EQ( "{first=1,last=2,}", shape( config.root() ) );
+    Config other;
+    EXPECT_FALSE( other.loadFrom( folder.path( "missing" ) ) );
+    EXPECT_FALSE( other.loadFrom( folder.path() ) );
+    EXPECT_FALSE( other.loadFrom( std::string() ) );
+    Config::Remarks remarks;
+    EXPECT_FALSE( other.loadChecked( folder.path( "missing" ), &remarks ) );
+    EXPECT_EQ( "{}", shape( other.root() ) );
+    EXPECT_TRUE( other.loadFrom( "/proc/self/status" ) ); // its size is told as 0
+    EXPECT_NE( nullptr, other.root().findValue( "Pid:" ) );
+    EXPECT_TRUE( other.loadChecked( folder.path( "a.conf" ), &remarks ) );
+    std::istringstream failing( "k=1" );
+    failing.setstate( std::ios_base::failbit );
+    EXPECT_EQ( "{}", shape( Config( failing ).root() ) );
+}
+
+// A child's own "/etc" in memory. @return false without the privilege for it
+bool hideEtc()
+{
+    return ::unshare( CLONE_NEWNS ) == 0 &&
+           ::mount( nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) == 0 &&
+           ::mount( "tmpfs", "/etc", "tmpfs", 0, nullptr ) == 0;
+}
+
+TEST( ConfigFile, MasterNameReadsTheHomeDirectoryLast )
+{
+    const NuvTest::TemporaryFolder folder;
+    NuvTest::writeFile( folder.path( "nuvs.conf" ), "both = home\nhome = 1\n" );
+    const NuvTest::Outcome outcome = NuvTest::runInChild( [&folder] {
+        if ( !hideEtc() )
+            ::_exit( 77 );
+        NuvTest::writeFile( "/etc/nuvs.conf", "both = etc\netc = 2\n" );
+        ::setenv( "HOME", folder.path( "./sub/.." ).c_str(), 1 );
+        EXPECT_EQ( "{both=home,etc=2,home=1,}", shape( Config( "nuvs.conf" ).root() ) );
+        ::setenv( "HOME", "/../no/such", 1 ); // has no normal form
+        EXPECT_EQ( "{both=etc,etc=2,}", shape( Config( Config::masterConfFileNameCStr ).root() ) );
+    } );
+    if ( outcome.exitStatus() == 77 )
+        GTEST_SKIP() << "no privilege for a mount namespace";
+    EXPECT_EQ( 0, outcome.exitStatus() ) << outcome.output << outcome.errors;
+}
+
+} // namespace
+} // namespace Nuv::Utils
