@@ -334,6 +334,37 @@ std::string tool( const std::string& name )
     return ( buildFolder() / "bin" / name ).string();
 }
 
+namespace {
+
+thread_local int ourMark = 0;
+
+// A function of its own, since a function may keep the address of its thread's storage.
+__attribute__( ( noipa ) ) int markOfThisThread()
+{
+    return ourMark;
+}
+
+void handleSignalBesideAThread()
+{
+    std::atomic< bool > mayEnd = false;
+    std::thread other( [&] {
+        while ( !mayEnd ) {
+        }
+    } );
+    ourMark = 1;
+    std::signal( SIGWINCH, []( int ) {} ); // one that the library leaves alone
+    std::raise( SIGWINCH );
+    ::_exit( markOfThisThread() == 1 ? 0 : 3 );
+}
+
+} // namespace
+
+bool doThreadsSurviveSignals()
+{
+    static const bool isYes = runInChild( &handleSignalBesideAThread ).exitStatus() == 0;
+    return isYes;
+}
+
 void Fault::arm( int n, int errorNbr, Kind kind )
 {
     myNbrOfStrikes = 0;
