@@ -13,10 +13,12 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
-NuvTest::Fault ourRemovalFault; // in any call of a removal
-}
+NuvTest::Fault ourRemovalFault;           // in any call of a removal
+std::function< void() > ourBeforeOpening; // of a directory that is to be emptied
+} // namespace
 
 // NOLINTBEGIN: the linker gives these names
 extern "C" int __real_unlinkat( int, const char*, int );
@@ -37,6 +39,8 @@ extern "C" DIR* __wrap_fdopendir( int fd )
 extern "C" int NUV_OPENAT( __real_ )( int, const char*, int, ... );
 extern "C" int NUV_OPENAT( __wrap_ )( int fd, const char* namePtr, int flags, ... )
 {
+    if ( ourBeforeOpening )
+        std::exchange( ourBeforeOpening, nullptr )();
     return ourRemovalFault.strikes() ? -1 : NUV_OPENAT( __real_ )( fd, namePtr, flags );
 }
 // NOLINTEND
@@ -201,10 +205,23 @@ TEST_F( PathnameOnFolder, RemoveTakesTheTreeAndNothingThatLinksLeadTo )
     EXPECT_TRUE( at( "tree" ).remove() );
     EXPECT_EQ( namesIn( Pathname( String( myFolder.path() ) ) ), ( Names{ "kept" } ) );
     EXPECT_EQ( namesIn( at( "kept" ) ), ( Names{ "sub", "file" } ) );
+    EXPECT_TRUE( at( "kept/file/below" ).remove() ); // nothing can be there
     EXPECT_TRUE( at( "kept/file" ).remove() );
     for ( const char* namePtr : { "kept/file", "missing/x" } )
         EXPECT_TRUE( at( namePtr ).remove() ) << namePtr;
     EXPECT_FALSE( Pathname( String( "/" ) ).remove() );
+}
+
+TEST_F( PathnameOnFolder, RemoveIsNotLedElsewhereByALinkThatComesMeanwhile )
+{
+    makeFile( "kept/file" );
+    ASSERT_TRUE( at( "tree/a" ).createDirectory() );
+    ourBeforeOpening = [this] {
+        EXPECT_TRUE( FileSystem::rename( path( "tree" ), path( "moved" ) ) );
+        makeLink( path( "kept" ), "tree" );
+    };
+    EXPECT_FALSE( at( "tree" ).remove() );
+    EXPECT_TRUE( at( "kept/file" ).isFile() );
 }
 
 TEST_F( PathnameOnFolder, RemoveRefusesATreeOfExcessiveDepth )

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <thread>
+#include <utility>
 
 namespace {
 NuvTest::Fault ourKeyFault;
@@ -14,7 +15,9 @@ NuvTest::Fault ourKeyFault;
 extern "C" int __real_pthread_key_create( pthread_key_t*, void ( * )( void* ) );
 extern "C" int __wrap_pthread_key_create( pthread_key_t* keyPtr, void ( *destroyPtr )( void* ) )
 {
-    return ourKeyFault.strikes() ? errno : __real_pthread_key_create( keyPtr, destroyPtr );
+    if ( !ourKeyFault.strikes() )
+        return __real_pthread_key_create( keyPtr, destroyPtr );
+    return std::exchange( errno, 0 ); // told by the result alone
 }
 extern "C" uid_t __wrap_getuid()
 {
