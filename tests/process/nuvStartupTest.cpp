@@ -133,9 +133,7 @@ protected:
                          << outcome.errors;
         EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
         EXPECT_EQ( outcome.output, expected );
-        struct stat info
-        {
-        };
+        struct stat info = {};
         EXPECT_EQ( ::stat( made.c_str(), &info ), 0 );
         EXPECT_EQ( info.st_uid, owner );
     }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -55,26 +56,20 @@ TEST_F( CapabilitiesCounting, StaysRaisedUntilLoweredAsOften )
 {
     runThread( 0, [this]( Capabilities& capabilities ) {
         EXPECT_EQ( &capabilities, Capabilities::threadletonPtr() );
-        const struct
-        {
-            bool isApply;
-            std::uint32_t mask;
-            std::uint32_t after;
-        } steps[] = { { true, cap21, cap21 },
-                      { true, cap21 | cap31, cap21 | cap31 },
-                      { false, cap21, cap21 | cap31 },
-                      { true, cap0, cap0 | cap21 | cap31 },
-                      { false, cap21 | cap23, cap0 | cap31 },
-                      { false, cap21, cap0 | cap31 }, // not raised: no count below 0
-                      { true, cap21, cap0 | cap21 | cap31 },
-                      { false, 0xFFFFFFFF, 0 } };
-        for ( const auto& step : steps ) {
-            SCOPED_TRACE( &step - steps );
-            if ( step.isApply )
-                EXPECT_TRUE( capabilities.apply( step.mask ) );
-            else
-                capabilities.remove( step.mask );
-            EXPECT_EQ( own(), step.after );
+        const std::tuple< bool, std::uint32_t, std::uint32_t > steps[] = {
+            { true, cap21, cap21 },
+            { true, cap21 | cap31, cap21 | cap31 },
+            { false, cap21, cap21 | cap31 },
+            { true, cap0, cap0 | cap21 | cap31 },
+            { false, cap21 | cap23, cap0 | cap31 },
+            { false, cap21, cap0 | cap31 }, // not raised: no count below 0
+            { true, cap21, cap0 | cap21 | cap31 },
+            { false, 0xFFFFFFFF, 0 } };
+        for ( const auto& [isApply, mask, after] : steps ) {
+            if ( !isApply )
+                capabilities.remove( mask );
+            EXPECT_TRUE( !isApply || capabilities.apply( mask ) );
+            EXPECT_EQ( own(), after ) << isApply << " " << mask;
         }
         EXPECT_EQ( nbrOfSets(), 8 );
     } );

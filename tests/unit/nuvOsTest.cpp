@@ -12,6 +12,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -192,42 +193,35 @@ constexpr const char* ofRoot = "1000 0 0";
 
 TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
 {
-    const struct
-    {
-        const char* identityPtr;
-        int state;
-        unsigned int owner;
-        unsigned int during;
-        unsigned int after;
-        bool isLogged;
-    } rows[] = { { ordinary, 0, 1000, 1000, 1000, false },
-                 { ofUser50, 1, 50, 1000, 50, false },
-                 { "1000 50 1", 2, 50, 50, 50, false },
-                 { "1000 50 2", 1, 50, 1000, 1000, true } }; // the way back is refused
-    for ( const auto& row : rows ) {
-        SCOPED_TRACE( row.identityPtr );
-        if ( !startedAs( row.identityPtr ) )
+    // Identity; then state, owner, effective user during and after; whether a line is logged.
+    const std::tuple< const char*, int, unsigned int, unsigned int, unsigned int, bool > rows[] = {
+        { ordinary, 0, 1000, 1000, 1000, false },
+        { ofUser50, 1, 50, 1000, 50, false },
+        { "1000 50 1", 2, 50, 50, 50, false },
+        { "1000 50 2", 1, 50, 1000, 1000, true } }; // the way back is refused
+    for ( const auto& [identityPtr, state, owner, during, after, isLogged] : rows ) {
+        if ( !startedAs( identityPtr ) )
             continue;
         SetupEffectiveUserId& setup = *SetupEffectiveUserId::singletonPtr();
-        EXPECT_EQ( setup.state(), row.state );
+        EXPECT_EQ( setup.state(), state );
         EXPECT_EQ( setup.loginId(), 1000u );
-        EXPECT_EQ( setup.fileOwnerId(), row.owner );
-        EXPECT_EQ( process().effective, row.during );
-        if ( row.state != 1 ) {
+        EXPECT_EQ( setup.fileOwnerId(), owner );
+        EXPECT_EQ( process().effective, during );
+        if ( state != 1 ) {
             Suid suid;
             EXPECT_TRUE( suid.euidToFileOwner() );
             suid.euidToLogin();
-            EXPECT_EQ( process().effective, row.during );
+            EXPECT_EQ( process().effective, during );
             EXPECT_EQ( Suid::nbrOfSwitches(), 0u );
         }
         openLog();
         const Log::Capture capture;
         setup.deinit();
-        EXPECT_EQ( process().effective, row.after );
+        EXPECT_EQ( process().effective, after );
         EXPECT_EQ(
             capture.contains( "errSystemError SetupEffectiveUserId::deinit() could not restore "
                               "fileOwnersId. 50" ),
-            row.isLogged );
+            isLogged );
     }
 }
 
@@ -339,18 +333,13 @@ TEST( SuperUserScope, TakesTheRealUserAlongOnDemandAndGivesBothBack )
 
 TEST( SecuritySettings, ModeAndUmaskComeFromThePermissions )
 {
-    const struct
-    {
-        unsigned int permissions;
-        mode_t mode;
-        mode_t umask;
-    } rows[] = { { 0, 0, 022 },    { 1, 0, 022 },  { 2, 0600, 022 }, { 4, 0060, 002 },
-                 { 6, 0660, 002 }, { 8, 0006, 0 }, { 10, 0606, 0 },  { 14, 0666, 0 } };
-    for ( const auto& row : rows ) {
-        SCOPED_TRACE( row.permissions );
-        const SecurityInfo info( SecurityInfo::fileObject, row.permissions );
-        EXPECT_EQ( info.mode(), row.mode );
-        EXPECT_EQ( info.umask(), row.umask );
+    const unsigned int rows[][3] = { { 0, 0, 022 },    { 1, 0, 022 },    { 2, 0600, 022 },
+                                     { 4, 0060, 002 }, { 6, 0660, 002 }, { 8, 0006, 0 },
+                                     { 10, 0606, 0 },  { 14, 0666, 0 } };
+    for ( const auto& [permissions, mode, umask] : rows ) {
+        const SecurityInfo info( SecurityInfo::fileObject, permissions );
+        EXPECT_EQ( info.mode(), mode ) << permissions;
+        EXPECT_EQ( info.umask(), umask ) << permissions;
     }
 }
 
