@@ -8,9 +8,11 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -173,9 +175,9 @@ SignalHandler::SignalHandler()
     createPipe();
     installInterruptHandler();
     prepareCoreDirectory();
-    // Stays for ever: this thread may crash as late as during exit.
-    static const AlternateSignalStack& ourSignalStack = *new AlternateSignalStack;
-    static_cast< void >( ourSignalStack );
+    // Never destroyed: this thread may crash as late as during exit.
+    alignas( AlternateSignalStack ) static std::byte ourSignalStack[sizeof( AlternateSignalStack )];
+    new ( ourSignalStack ) AlternateSignalStack;
     CrashReport::installHandler();
 }
 

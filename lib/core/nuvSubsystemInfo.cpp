@@ -257,6 +257,24 @@ void SubsystemInfo::forgetDetailInForkedChild()
         infoPtr->myDetailPtr = nullptr;
 }
 
+void SubsystemInfo::endForeignThread()
+{
+    if ( SubsystemInfo* const infoPtr = existingPtr() )
+        infoPtr->releaseDetail( stateEndedNormally );
+}
+
+// Notices the end of a thread that has claimed a record without the thread body's help.
+struct ForeignThread
+{
+    ~ForeignThread()
+    {
+        if ( hasRecord )
+            SubsystemInfo::endForeignThread();
+    }
+
+    bool hasRecord = false;
+};
+
 void SubsystemInfo::nameStrPtr( const NamePtr& namePtr )
 {
     myNamePtr = namePtr;
@@ -272,6 +290,8 @@ ThreadDetails* SubsystemInfo::allocDetail()
     } const scope{ myAllocating };
     myAllocating = true;
 
+    thread_local ForeignThread ourForeignThread;
+    ourForeignThread.hasRecord = !myIsLeftAtThreadEnd;
     ThreadDetailsArray* segmentPtr = ourSegmentPtr.load( std::memory_order_acquire );
     if ( segmentPtr == nullptr )
         segmentPtr = createSegment();

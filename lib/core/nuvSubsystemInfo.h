@@ -124,6 +124,11 @@ public:
     /// overflow record.
     void releaseDetail( State state );
 
+    /// For the thread body, which releases the record itself: not to be done at the thread's end.
+    /// (The record of a terminated task stays as it is; that of a thread that the library did not
+    /// start is released when this ends.)
+    void leaveDetailAtThreadEnd() { myIsLeftAtThreadEnd = true; }
+
     /// For exit handlers: releases every record that this process has claimed; what its threads
     /// report from then on goes to the overflow record if they had no record yet.
     static void releaseAllAtExit();
@@ -140,9 +145,12 @@ private:
     SubsystemInfo() = default;
 
     static void forgetDetailInForkedChild();
+    static void endForeignThread();
+    friend struct ForeignThread;
 
     NamePtr myNamePtr;
     ThreadDetails* myDetailPtr = nullptr;
+    bool myIsLeftAtThreadEnd = false;
     bool myAllocating = false; // a wait within allocDetail() must not call it again
 };
 

@@ -266,7 +266,8 @@ void ThreadedTask::setAffinity( unsigned long mask )
 }
 
 // The thread body up to and with the task function. @return whether that returned
-bool ThreadedTask::run()
+// (A forced unwinding has no object: the reference that catches it is null.)
+__attribute__( ( no_sanitize( "null" ) ) ) bool ThreadedTask::run()
 {
     try {
         // One timer serves the whole process today: this restarts it with what the creator had
@@ -310,6 +311,7 @@ void* ThreadedTask::threadStart( void* taskPtr )
     ThreadedTask* const thisPtr = static_cast< ThreadedTask* >( taskPtr );
     nuvAssert( thisPtr != NULL );
     const AlternateSignalStack signalStack;
+    SubsystemInfo::threadletonPtr()->leaveDetailAtThreadEnd();
     const bool isNormal = thisPtr->run();
     thisPtr->myRunning.store( false, std::memory_order_release );
     thisPtr->myCompletionEvent.signal();

@@ -118,11 +118,14 @@ TEST_F( CrashReport, HasItsLayoutToTheLetter )
     }
     const std::size_t first = names.size() + 2;
     EXPECT_EQ( lines[first], std::string( 62, '-' ) );
+#if !defined( __SANITIZE_ADDRESS__ ) &&                                                            \
+    !defined( __SANITIZE_THREAD__ ) // they add a frame of theirs
     EXPECT_NE( lines[first + 1].find( "nuvcore" ), std::string::npos ) << "the handler itself";
     programCounter.erase( 0, programCounter.find_first_not_of( '0' ) );
     EXPECT_NE( lines[first + 2].find( "frameProbe(" ), std::string::npos );
     EXPECT_NE( lines[first + 2].find( "[0x" + programCounter + "]" ), std::string::npos )
         << lines[first + 2];
+#endif
     EXPECT_LE( lines.size() - first - 1, 128u );
 }
 

@@ -264,6 +264,7 @@ TEST_F( SubsystemInfoSegment, ReleasedThreadReportsToTheOverflowRecord )
             SubsystemInfo::markCrashed();
             EXPECT_EQ( detailPtr->myState, 5u );
         } ).join();
+        EXPECT_EQ( detailPtr->myInUse, 0u ) << "released with its thread, whoever started that";
         std::thread( [] { SubsystemInfo::markCrashed(); } ).join(); // no record: nothing
     } );
 }

@@ -7,6 +7,8 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <functional>
+#include <list>
 #include <memory>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -65,6 +67,27 @@ unsigned int untilExit( ThreadedTask* taskPtr, void* )
 {
     return taskPtr->exitEvent().wait( Event::infinite ) && taskPtr->isExitRequested() ? 42 : 1;
 }
+
+// A thread of the library's for any body.
+class Runner
+{
+public:
+    explicit Runner( std::function< void() > body )
+        : myBody( std::move( body ) )
+        , myTask( &run, "runner", this, normal )
+    {
+    }
+
+private:
+    static unsigned int run( ThreadedTask*, void* runnerPtr )
+    {
+        static_cast< Runner* >( runnerPtr )->myBody();
+        return 0;
+    }
+
+    std::function< void() > myBody;
+    ThreadedTask myTask;
+};
 
 unsigned int throwInt( ThreadedTask*, void* )
 {
@@ -129,13 +152,13 @@ TEST_F( ThreadedTaskLife, DestructorBlocksUntilTheFunctionReturns )
     };
     auto taskPtr = std::make_unique< ThreadedTask >( +function, "stubborn", &mayReturn, normal );
     std::atomic< bool > isDestroyed = false;
-    std::thread destroyer( [&] {
+    auto destroyerPtr = std::make_unique< Runner >( [&] {
         taskPtr.reset();
         isDestroyed = true;
     } );
     EXPECT_FALSE( waitFor( [&] { return isDestroyed.load(); }, std::chrono::milliseconds( 30 ) ) );
     mayReturn.signal();
-    destroyer.join();
+    destroyerPtr.reset();
     EXPECT_TRUE( isDestroyed );
 }
 
@@ -153,15 +176,13 @@ TEST_F( ThreadedTaskLife, OneOfSeveralWaitersJoins )
 {
     ThreadedTask task( &untilExit, "waiter", nullptr, normal );
     std::atomic< int > nbrOfTrue = 0;
-    std::vector< std::thread > waiters;
+    std::list< Runner > waiters;
     for ( int i = 0; i < 4; ++i ) {
         waiters.emplace_back(
-            [&] { nbrOfTrue += task.waitForTaskCompletion( ThreadedTask::infinite ); } );
+            [&] { nbrOfTrue += task.waitForTaskCompletion( ThreadedTask::infinite ) ? 1 : 0; } );
     }
     task.requestExit();
-    for ( std::thread& waiter : waiters ) {
-        waiter.join();
-    }
+    waiters.clear();
     EXPECT_EQ( nbrOfTrue, 4 );
 }
 
@@ -275,21 +296,14 @@ public:
     ~CountedThreadleton() override { --ourNbr; }
 };
 
-unsigned int pushThree( ThreadedTask* taskPtr, void* isToldPtr )
-{
-    for ( int i = 0; i < 3; ++i ) {
-        Threadleton::pushThreadleton( new CountedThreadleton );
-    }
-    if ( isToldPtr == nullptr )
-        return 0;
-    *static_cast< std::atomic< bool >* >( isToldPtr ) = true;
-    return untilExit( taskPtr, nullptr );
-}
-
 TEST_F( ThreadedTaskLife, ThreadletonsAreDeletedAtTheThreadsEnd )
 {
     {
-        ThreadedTask task( &pushThree, "pusher", nullptr, normal );
+        const Runner runner( [] {
+            Threadleton::pushThreadleton( new CountedThreadleton );
+            Threadleton::pushThreadleton( new CountedThreadleton );
+            EXPECT_EQ( CountedThreadleton::ourNbr, 2 );
+        } );
     }
     EXPECT_EQ( CountedThreadleton::ourNbr, 0 );
 }
@@ -297,51 +311,80 @@ TEST_F( ThreadedTaskLife, ThreadletonsAreDeletedAtTheThreadsEnd )
 // ----------------------------------------------------------------------------------------
 // terminate
 
-unsigned int blockForEver( ThreadedTask*, void* isUnwoundPtr )
+// True from its begin until its stack is unwound.
+unsigned int blockForEver( ThreadedTask*, void* isInsidePtr )
 {
     struct Scope
     {
-        std::atomic< bool >* isUnwoundPtr;
-        ~Scope() { *isUnwoundPtr = true; }
-    } const scope{ static_cast< std::atomic< bool >* >( isUnwoundPtr ) };
+        explicit Scope( std::atomic< bool >* ptr )
+            : isInsidePtr( ptr )
+        {
+            *isInsidePtr = true;
+        }
+        ~Scope() { *isInsidePtr = false; }
+
+        std::atomic< bool >* isInsidePtr;
+    } const scope( static_cast< std::atomic< bool >* >( isInsidePtr ) );
     for ( ;; ) {
         ::pause();
     }
 }
 
-TEST_F( ThreadedTaskLife, TerminatedThreadIsUnwoundAndJoinedWithoutItsEndSteps )
+// A terminated thread leaves its threadletons and its record: in a child that is not searched for
+// leaks.
+class ThreadedTaskTermination : public ThreadedTaskLife
 {
-    std::atomic< bool > isUnwound = false;
-    ThreadedTask task( &blockForEver, "blocked", &isUnwound, normal );
-    EXPECT_TRUE( task.terminateThread() );
-    EXPECT_FALSE( task.isRunning() );
-    EXPECT_TRUE( task.waitForTaskCompletion( ThreadedTask::infinite ) );
-    EXPECT_EQ( task.exitCode(), -1 );
-    EXPECT_FALSE( task.terminateThread() );
-}
-
-TEST_F( ThreadedTaskLife, TaskTerminatedWhileSuspendedNeverRuns )
-{
-    std::atomic< int > counter = 0;
+protected:
+    static void inChild( const std::function< void() >& body )
     {
-        ThreadedTask task( &addOne, "adder", &counter, normal, suspended );
-        EXPECT_TRUE( task.terminateThread() );
+        const Outcome outcome = runInChild( [&] {
+            body();
+            ::_exit( HasFailure() ? 1 : 0 );
+        } );
+        EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.output << outcome.errors;
     }
-    EXPECT_EQ( counter, 0 );
+};
+
+TEST_F( ThreadedTaskTermination, ThreadIsUnwoundAndJoinedWithoutItsEndSteps )
+{
+    inChild( [] {
+        std::atomic< bool > isInside = false;
+        ThreadedTask blocked( &blockForEver, "blocked", &isInside, normal );
+        ASSERT_TRUE( waitFor( [&] { return isInside.load(); } ) ) << "its scope was entered";
+        EXPECT_TRUE( blocked.terminateThread() );
+        EXPECT_FALSE( blocked.isRunning() );
+        EXPECT_TRUE( blocked.waitForTaskCompletion( ThreadedTask::infinite ) );
+        EXPECT_EQ( blocked.exitCode(), -1 );
+        EXPECT_FALSE( isInside );
+        EXPECT_FALSE( blocked.terminateThread() ) << "joined";
+    } );
 }
 
-TEST_F( ThreadedTaskLife, TerminationAtAnyMomentEndsInACompletedTask )
+TEST_F( ThreadedTaskTermination, SuspendedTaskNeverRuns )
 {
-    for ( int i = 0; i < 200; ++i ) {
-        std::atomic< bool > isUnwound = false;
-        ThreadedTask task( &blockForEver, "blocked", &isUnwound, normal );
-        std::atomic< int > spin = i * 100;
-        while ( spin-- > 0 ) {
+    inChild( [] {
+        std::atomic< int > counter = 0;
+        {
+            ThreadedTask task( &addOne, "adder", &counter, normal, suspended );
+            EXPECT_TRUE( task.terminateThread() );
         }
-        std::thread other( [&] { task.terminateThread(); } );
-        EXPECT_TRUE( task.waitForTaskCompletion( ThreadedTask::infinite ) );
-        other.join();
-    }
+        EXPECT_EQ( counter, 0 );
+    } );
+}
+
+TEST_F( ThreadedTaskTermination, EndsInACompletedTaskAtAnyMoment )
+{
+    inChild( [] {
+        for ( int i = 0; i < 200; ++i ) {
+            std::atomic< bool > isInside = false;
+            ThreadedTask task( &blockForEver, "blocked", &isInside, normal );
+            std::atomic< int > spin = i * 100;
+            while ( spin-- > 0 ) {
+            }
+            const Runner other( [&] { task.terminateThread(); } );
+            EXPECT_TRUE( task.waitForTaskCompletion( ThreadedTask::infinite ) );
+        }
+    } );
 }
 
 // ----------------------------------------------------------------------------- priority and
