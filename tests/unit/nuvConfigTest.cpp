@@ -10,6 +10,8 @@
 #include <string>
 #include <sys/mount.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace Nuv::Utils {
 namespace {
@@ -30,29 +32,14 @@ TEST( ConfigValues, ReadAsIntegerOrTextByTheirShape )
         int number;
     } rows[] = {
         { "k = 8080", "8080", 8080 },
-        { "k = 8080 # web", "8080 # web", none },
         { "k=0x1F", "31", 31 },
         { "k=-0X1f", "-31", -31 },
         { "k=017", "15", 15 },
-        { "k=08", "08", none },
         { "k=0", "0", 0 },
         { "k=-0", "0", 0 },
         { "k=+5", "5", 5 },
-        { "k=+-5", "+-5", none },
-        { "k=-", "-", none },
-        { "k=+", "+", none },
-        { "k=0x", "0x", none },
-        { "k=0x-1", "0x-1", none },
-        { "k=0b101", "0b101", none },
-        { "k=- 5", "- 5", none },
-        { "k=1.5", "1.5", none },
         { "k=2147483646", "2147483646", 2147483646 },
-        { "k=2147483647", "2147483647", none },
         { "k=-2147483647", "-2147483647", -2147483647 },
-        { "k=-2147483648", "-2147483648", none },
-        { "k=4294967297", "4294967297", none },
-        { "k=0xFFFFFFFF1", "0xFFFFFFFF1", none },
-        { "k=99999999999999999999", "99999999999999999999", none },
         { "k", "", none },
         { "k =", "", none },
         { "k = \t ", "", none },
@@ -80,29 +67,30 @@ TEST( ConfigValues, ReadAsIntegerOrTextByTheirShape )
         EXPECT_EQ( static_cast< unsigned int >( row.number ),
                    config.uIntValue( "", "k", static_cast< unsigned int >( none ) ) );
     }
+    for ( const std::string& text : std::vector< std::string >{
+              "08", "+-5", "-", "+", "0x", "0x-1", "0b101", "- 5", "1.5", "2147483647",
+              "-2147483648", "4294967297", "0xFFFFFFFF1", "99999999999999999999", "8080 # web" } ) {
+        Config config;
+        load( &config, "k=" + text );
+        EXPECT_EQ( text, config.stringValue( "", "k", "?" ) );
+        EXPECT_EQ( none, config.intValue( "", "k", none ) ) << text;
+    }
 }
 
 TEST( ConfigValues, BooleansComeFromTheTableOrTheNumber )
 {
-    for ( const char* textPtr : { "T", "TRUE", "Y", "YES", "t", "true", "y", "yes", "2", "-1" } ) {
-        SCOPED_TRACE( textPtr );
+    // The value with the default false, and with true.
+    const auto read = []( const std::string& text ) {
         Config config;
-        load( &config, std::string( "k=" ) + textPtr );
-        EXPECT_TRUE( config.boolValue( "", "k", false ) );
-    }
-    for ( const char* textPtr : { "F", "FALSE", "N", "NO", "f", "false", "n", "no", "0" } ) {
-        SCOPED_TRACE( textPtr );
-        Config config;
-        load( &config, std::string( "k=" ) + textPtr );
-        EXPECT_FALSE( config.boolValue( "", "k", true ) );
-    }
-    for ( const char* textPtr : { "Yes", "on", "", "\"1\"", "yes no", "08" } ) {
-        SCOPED_TRACE( textPtr );
-        Config config;
-        load( &config, std::string( "k=" ) + textPtr );
-        EXPECT_TRUE( config.boolValue( "", "k", true ) );
-        EXPECT_FALSE( config.boolValue( "", "k", false ) );
-    }
+        load( &config, "k=" + text );
+        return std::pair( config.boolValue( "", "k", false ), config.boolValue( "", "k", true ) );
+    };
+    for ( const char* textPtr : { "T", "TRUE", "Y", "YES", "t", "true", "y", "yes", "2", "-1" } )
+        EXPECT_EQ( std::pair( true, true ), read( textPtr ) ) << textPtr;
+    for ( const char* textPtr : { "F", "FALSE", "N", "NO", "f", "false", "n", "no", "0" } )
+        EXPECT_EQ( std::pair( false, false ), read( textPtr ) ) << textPtr;
+    for ( const char* textPtr : { "Yes", "on", "", "\"1\"", "yes no", "08" } )
+        EXPECT_EQ( std::pair( false, true ), read( textPtr ) ) << textPtr;
 }
 
 // The sections and pairs of the tree, in order: "path{key=text,...}".
