@@ -1,6 +1,7 @@
 #include "nuvEvent.h"
 
 #include "nuvTestSupport.h"
+#include "nuvTestThread.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -101,7 +102,7 @@ using Events = std::vector< Event* >;
 template < class Action >
 std::thread whenWaitedFor( Action action )
 {
-    return std::thread( [action, nbrBefore = ourNbrOfPolls.load()] {
+    return NuvTest::startThread( [action, nbrBefore = ourNbrOfPolls.load()] {
         // A wait on non-named events shows itself to nobody; then the action comes soon or late.
         NuvTest::waitFor( [=] { return ourNbrOfPolls > nbrBefore; },
                           std::chrono::milliseconds( 30 ) );
@@ -200,11 +201,11 @@ TEST_F( EventTest, OneSignalEndsOneWaitOfMany )
     std::vector< std::thread > waiters;
     for ( int i = 0; i < nbrOfWaiters; ++i ) {
         // Every second one waits on a mixed list, through its pipe.
-        waiters.emplace_back( [&, i] {
+        waiters.push_back( NuvTest::startThread( [&, i] {
             const Events events = i % 2 == 0 ? Events{ &event } : Events{ &other, &event };
             MultiEvent::waitOnEvents( events, Event::infinite );
             ++nbrOfFired;
-        } );
+        } ) );
     }
     for ( int i = 1; i <= nbrOfWaiters; ++i ) {
         event.signal();
@@ -222,7 +223,7 @@ TEST_F( EventTest, ConsumedSignalLetsTheMixedWaitSleepAgain )
 {
     Event event, stop;
     Event named( "named" );
-    std::thread waiter( [&] {
+    std::thread waiter = NuvTest::startThread( [&] {
         MultiEvent::waitOnEvents( { &named, &event, &stop }, Event::infinite );
     } );
     ourNbrOfPolls = 0;
@@ -242,7 +243,7 @@ TEST_F( EventTest, TimeoutPassesWhileWakeUpsFindNothing )
     Event named( "named" );
     const auto start = std::chrono::steady_clock::now();
     std::atomic< bool > isOver = false;
-    std::thread disturber( [&] {
+    std::thread disturber = NuvTest::startThread( [&] {
         while ( !isOver ) {
             event.signal();
             event.reset();
@@ -385,7 +386,7 @@ TEST_F( EventTest, FailedCallsOfAWaitAreWakeUpsOrResourceFailures )
     named.signal();
     ourFault.arm( 2, EINTR ); // the read
     EXPECT_TRUE( named.wait( 1000 ) );
-    std::thread( [&] { // a thread without a pipe yet
+    NuvTest::startThread( [&] { // a thread without a pipe yet
         ourFault.arm( 1, EMFILE );
         EXPECT_THROW( MultiEvent::waitOnEvents( { &named, &local }, 0 ), ResourceException );
         ourFault.disarm();
@@ -462,7 +463,7 @@ TEST_F( EventTest, WaiterMayDestroyWhatHasFired )
 {
     for ( int i = 0; i < 500; ++i ) {
         auto eventPtr = std::make_unique< Event >();
-        std::thread signaller( [ptr = eventPtr.get()] { ptr->signal(); } );
+        std::thread signaller = NuvTest::startThread( [ptr = eventPtr.get()] { ptr->signal(); } );
         EXPECT_TRUE( eventPtr->wait( Event::infinite ) );
         eventPtr.reset();
         signaller.join();

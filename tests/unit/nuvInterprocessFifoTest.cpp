@@ -2,6 +2,7 @@
 
 #include "nuvLogCapture.h"
 #include "nuvTestSupport.h"
+#include "nuvTestThread.h"
 
 #include <algorithm>
 #include <cstring>
@@ -357,12 +358,12 @@ TEST_F( InterprocessFifoTest, ThreadsAndObjectsOfOneProcessShareTheRing )
     InterprocessFifo fifo( "threads", 65536 );
     std::vector< std::thread > writers;
     for ( int writer = 0; writer < 3; ++writer ) {
-        writers.emplace_back( [writer] {
+        writers.push_back( NuvTest::startThread( [writer] {
             InterprocessFifo own( "threads", 65536 );
             for ( int i = 0; i < nbrOfEntries; ++i ) {
                 own.write( Buffer( numbered( 1000 * writer + i, 20 ) ) );
             }
-        } );
+        } ) );
     }
     int nextOf[3] = {};
     for ( int nbrOfRead = 0; nbrOfRead < 3 * nbrOfEntries; ) {

@@ -4,6 +4,7 @@
 #include "nuvLogCapture.h"
 #include "nuvTestCapabilityDevice.h"
 #include "nuvTestSupport.h"
+#include "nuvTestThread.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -197,7 +198,7 @@ TEST_F( SemaphoreTest, TimedPeekTriesOnceOrUntilItsTimeHasPassed )
     EXPECT_LT( elapsed, NuvTest::wideTimeout );
     EXPECT_GE( ourNbrOfSemops, 3 );
 
-    std::thread poster( [&] {
+    std::thread poster = NuvTest::startThread( [&] {
         NuvTest::waitFor(
             [nbrBefore = ourNbrOfSemops.load()] { return ourNbrOfSemops > nbrBefore + 3; } );
         semaphore.post();
@@ -252,7 +253,7 @@ TEST_F( SemaphoreTest, WaitBlocksUntilPosted )
 {
     Semaphore semaphore( "blocking", 0 );
     std::atomic< bool > isTaken = false;
-    std::thread waiter( [&] {
+    std::thread waiter = NuvTest::startThread( [&] {
         semaphore.wait();
         isTaken = true;
     } );
@@ -268,7 +269,7 @@ TEST_F( SemaphoreTest, FailedWaitIsAResourceFailure )
 {
     Semaphore none;
     Semaphore removed( "removed", 0 );
-    std::thread remover( [&] {
+    std::thread remover = NuvTest::startThread( [&] {
         NuvTest::waitFor( [&] { return ::semctl( removed.handle(), 0, GETNCNT ) == 1; } );
         removeSet( removed.handle() );
     } );
