@@ -41,7 +41,8 @@ class WaitEventImpl;
 /// Owns:    its descriptors. The last user of a name, in any process, removes FIFO and semaphore.
 /// Cost:    non-named: signal() without a waiter is a flag under a mutex; a wait that finds the
 ///          signal registers nothing; none allocates once the event has been waited on. Named:
-///          signal() one system call, a wait two (poll, read).
+///          signal() one system call, a wait two (poll, read), or one (read) if the event was
+///          pending when it was last waited on; every 32nd wait looks whether that has become so.
 /// Bytes:   the FIFO "evt_" and the name, unchanged, in the interprocess-communication directory;
 ///          each signal is one byte "S". Beside it the semaphore "evt_" and the name (value 1).
 /// Example: Event done; /* other thread: */ done.signal(); /* here: */ done.wait( 1000 );
@@ -83,6 +84,9 @@ public:
 
 private:
     void openFifo();
+    bool takeAtOnce();
+
+    static constexpr std::uint8_t maxNbrOfBlindWaits = 32;
 
     bool myObjIsNamed;
     mutable Mutex myMutex; // before a wait's own mutex
@@ -94,6 +98,7 @@ private:
     // The front of the list is the vector's end; a vector keeps its storage between waits.
     std::vector< WaitEventImpl* > myWaitEventImpls NUV_GUARDED_BY( myMutex );
     std::atomic< std::uint64_t > myNbrOfSignalsTaken = 0;
+    std::atomic< std::uint8_t > myNbrOfBlindWaits = 0;
 };
 
 /// Waits until one of several events fires.

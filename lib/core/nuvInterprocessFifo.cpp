@@ -180,7 +180,7 @@ private:
         const Word offset = advanced( myReadOffset, wordSize );
         const Word nbrOfFirst = std::min( length, mySize - offset );
         bufferPtr->resizeHelper( length, false, '\0' );
-        if ( length == 0 )
+        if ( length == 0 ) // an empty Buffer has no bytes of its own
             return;
         std::memcpy( bufferPtr->data(), myBytesPtr + offset, nbrOfFirst );
         std::memcpy( bufferPtr->data() + nbrOfFirst, myBytesPtr, length - nbrOfFirst );

@@ -18,6 +18,7 @@
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <thread>
 #include <type_traits>
 #include <unistd.h>
 #include <vector>
@@ -45,6 +46,11 @@ constexpr unsigned int masterDefaultGroup = 50;
 
 // How often a set may vanish between two calls before that is taken for a failure.
 constexpr int maxNbrOfAttempts = 8;
+
+// How often a semaphore that is taken is tried before the wait blocks: about the time that blocking
+// and waking up take. Much less would come too late for a holder that is just being woken up
+// itself.
+constexpr int nbrOfQuickAttempts = 32;
 
 thread_local int ourNbrOfMasterLocks = 0;
 
@@ -461,9 +467,22 @@ bool Semaphore::decrementAtOnce()
     return semOp( -1, semaphoreIdx, mySemaphoreHandle, IPC_NOWAIT );
 }
 
+// Whoever holds a semaphore of this library mostly gives it back within two system calls. Blocking
+// costs ten times that, and makes the holder hand the semaphore to a process that does not run yet:
+// two that take turns would then block at every turn.
+bool Semaphore::decrementSoon()
+{
+    static const bool isHeldByRunningOnes = std::thread::hardware_concurrency() > 1;
+    for ( int i = 0; isHeldByRunningOnes && i < nbrOfQuickAttempts && errno == EAGAIN; ++i ) {
+        if ( decrementAtOnce() )
+            return true;
+    }
+    return false;
+}
+
 bool Semaphore::wait()
 {
-    if ( decrementAtOnce() )
+    if ( decrementAtOnce() || decrementSoon() )
         return true;
     // Claiming a record takes the master semaphore.
     std::optional< WaitMark > mark;

@@ -125,8 +125,9 @@ private:
 /// Errors:  the constructor fails nuvCheckResource (also for an inode number whose low 32 bits are
 ///          no key) and, for an initial count above maxCount, nuvAssert. wait() fails
 ///          nuvCheckResource; the other operations answer false.
-/// Cost:    a free semaphore is taken by one system call and given back by one; the thread's record
-///          is written only when the wait really blocks.
+/// Cost:    a free semaphore is taken by one system call and given back by one. One that is taken
+///          is tried some 30 times more before the wait blocks, if the machine has several
+///          processors; the thread's record is written only when it really blocks.
 /// Example: Semaphore gate( "gate", 1 ); const SemaphoreLock lock( &gate );
 class NUV_API Semaphore
 {
@@ -172,6 +173,7 @@ private:
     int leaveSet();
     int removeSet();
     bool decrementAtOnce();
+    bool decrementSoon();
 
     Utils::SimpleStr myFileName;
     bool myCreated = false;

@@ -16,6 +16,7 @@
 namespace {
 NuvTest::Fault ourFault; // in the calls below
 std::atomic< int > ourNbrOfPolls = 0;
+std::atomic< int > ourNbrOfReads = 0;
 std::atomic< int > ourNbrOfPipes = 0;
 std::atomic< int > ourNbrOfWrites = 0;
 thread_local int ourNbrOfAllocations = 0;
@@ -56,6 +57,7 @@ extern "C" int __wrap_poll( pollfd* descriptorsPtr, nfds_t count, int timeoutMs 
 extern "C" ssize_t __real_read( int, void*, size_t );
 extern "C" ssize_t __wrap_read( int fd, void* ptr, size_t count )
 {
+    ++ourNbrOfReads;
     return ourFault.strikes() ? -1 : __real_read( fd, ptr, count );
 }
 extern "C" ssize_t __real_write( int, const void*, size_t );
@@ -282,8 +284,27 @@ TEST_F( EventTest, BudgetOfCallsAndAllocations )
     EXPECT_EQ( ourNbrOfWrites + ourNbrOfPolls, 0 );
     named.signal();
     EXPECT_EQ( ourNbrOfWrites, 1 );
-    EXPECT_TRUE( named.wait( 1 ) );
-    EXPECT_EQ( ourNbrOfPolls, 1 );
+    ourNbrOfReads = 0;
+    EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, 1 ), 0 );
+    EXPECT_EQ( ourNbrOfPolls + ourNbrOfReads, 2 );
+    // A wait that blocks learns to poll first, one that finds the event pending to read first.
+    constexpr int nbrOfWaits = 100;
+    const auto nbrOfCalls = [&]( bool isPending ) {
+        ourNbrOfPolls = 0;
+        ourNbrOfReads = 0;
+        for ( int i = 0; i < nbrOfWaits; ++i ) {
+            if ( isPending )
+                named.signal();
+            EXPECT_EQ( named.wait( 1 ), isPending );
+        }
+        return ourNbrOfPolls + ourNbrOfReads;
+    };
+    EXPECT_LE( nbrOfCalls( false ), nbrOfWaits + 4 ); // a poll that times out is one call
+    EXPECT_LE( nbrOfCalls( true ), nbrOfWaits + 33 );
+    EXPECT_EQ( nbrOfCalls( true ), nbrOfWaits );
+    ourNbrOfReads = 0;
+    EXPECT_FALSE( named.wait( 0 ) );
+    EXPECT_EQ( ourNbrOfReads, 1 );
     EXPECT_EQ( ourNbrOfAllocations, 0 );
     EXPECT_EQ( ourNbrOfPipes, 0 );
 
@@ -380,12 +401,12 @@ TEST_F( EventTest, FailedCallsOfAWaitAreWakeUpsOrResourceFailures )
 {
     Event local;
     Event named( "faulty" );
-    named.signal();
-    ourFault.arm( 1, EINTR ); // the poll
-    EXPECT_TRUE( named.wait( 1000 ) );
-    named.signal();
-    ourFault.arm( 2, EINTR ); // the read
-    EXPECT_TRUE( named.wait( 1000 ) );
+    for ( const int call : { 1, 2 } ) { // the poll, the read
+        named.signal();
+        ourFault.arm( call, EINTR );
+        EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, 1000 ), 0 );
+        EXPECT_EQ( ourFault.nbrOfStrikes(), 1 );
+    }
     NuvTest::startThread( [&] { // a thread without a pipe yet
         ourFault.arm( 1, EMFILE );
         EXPECT_THROW( MultiEvent::waitOnEvents( { &named, &local }, 0 ), ResourceException );
