@@ -42,8 +42,7 @@ void copyPath( char ( &destination )[PATH_MAX], const std::string& path )
     destination[path.copy( destination, PATH_MAX - 1 )] = '\0';
 }
 
-// ---------------------------------------------------------------------- in signal context from
-// here
+// -------- in signal context from here
 
 struct Register
 {

@@ -26,8 +26,7 @@ constexpr int dispatchTimeoutMs = 250;
 
 std::atomic< pid_t > ourMainPid = 0;
 
-// ------------------------------------------------------------------------------- the child of a
-// fork
+// -------- the child of a fork
 
 void endForkedChild()
 {
@@ -59,8 +58,7 @@ void registerForkHandler()
     }
 }
 
-// ---------------------------------------------------------------------------------- the initial
-// thread
+// -------- the initial thread
 
 struct Arguments
 {

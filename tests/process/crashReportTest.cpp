@@ -1,4 +1,4 @@
-#include "nuvTestSupport.h"
+#include "nuvTestFrame.h"
 
 #include <algorithm>
 #include <csignal>
@@ -13,23 +13,12 @@ using namespace NuvTest;
 
 constexpr bool isWide = sizeof( void* ) == 8;
 
-class CrashReport : public RootFixture
+class CrashReport : public ProcessFrame
 {
 protected:
-    void TearDown() override { removeInterprocessObjects(); }
-
     std::string corePath( const std::string& relative = "" ) const
     {
-        return myHome.path( "ixoRoot/core/frameProbe" ) +
-               ( relative.empty() ? "" : "/" + relative );
-    }
-    Start start( const std::vector< std::string >& arguments ) const
-    {
-        return { arguments, { "HOME=" + myHome.path() } };
-    }
-    Outcome run( const std::string& observer, const std::string& mode ) const
-    {
-        return runProgram( program( "frameProbe" ), start( { observer, mode } ) );
+        return path( "core/frameProbe" + ( relative.empty() ? "" : "/" + relative ) );
     }
 
     /// The regular files of the core directory, in the order of a directory scan.
@@ -67,9 +56,6 @@ protected:
         return "Application thread " + std::to_string( processId ) +
                " received trap: " + std::to_string( signalNbr );
     }
-
-private:
-    TemporaryFolder myHome;
 };
 
 std::size_t nbrOfHeads( const std::vector< std::string >& lines )
@@ -187,7 +173,7 @@ TEST_F( CrashReport, ForkedChildAndParentReportEachUnderItsOwnProcess )
 TEST_F( CrashReport, EnabledCoreFilesLeaveTheSignalToTheSystem )
 {
     writeFile( corePath( "core.1" ), "of an earlier run" );
-    const Outcome outcome = run( "none", "core" );
+    const Outcome outcome = run( { "none", "core" } );
     EXPECT_EQ( outcome.signal(), SIGSEGV );
     const std::vector< std::string > left = files();
     EXPECT_EQ( std::count( left.begin(), left.end(), "core.txt" ), 0 );
@@ -201,17 +187,17 @@ TEST_F( CrashReport, StartKeepsTheFirstFileAndTheCrashRemovesIt )
     }
     writeFile( corePath( "folder/file" ), "not its business" );
     const std::string firstFound = files().at( 0 );
-    EXPECT_EQ( run( "none", "return" ).exitStatus(), 0 );
+    EXPECT_EQ( run( { "none", "return" } ).exitStatus(), 0 );
     EXPECT_EQ( files(), std::vector< std::string >{ firstFound } );
     EXPECT_EQ( readFile( corePath( "folder/file" ) ), "not its business" );
-    EXPECT_EQ( run( "none", "segv" ).signal(), SIGABRT );
+    EXPECT_EQ( run( { "none", "segv" } ).signal(), SIGABRT );
     EXPECT_EQ( nbrOfHeads( reportLines() ), 1u );
 }
 
 TEST_F( CrashReport, GoesToStandardOutputWithoutACoreDirectory )
 {
     writeFile( corePath(), "a file in the directory's place" );
-    const Outcome outcome = run( "none", "segv" );
+    const Outcome outcome = run( { "none", "segv" } );
     EXPECT_EQ( outcome.signal(), SIGABRT );
     EXPECT_EQ( outcome.output.find( "Application thread " ), 0u );
     EXPECT_NE( outcome.output.find( "frameProbe(" ), std::string::npos );

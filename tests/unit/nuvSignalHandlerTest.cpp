@@ -232,7 +232,9 @@ TEST_F( SignalHandling, HandlerWritesOneByteAndLeavesErrnoAtEintr )
         SignalHandler::singletonPtr();
         errno = 0;
         SignalHandler::raise( SIGUSR2 ); // to the process, without a dispatcher
+#if !defined( __SANITIZE_THREAD__ ) // which delivers late and puts errno back
         EXPECT_EQ( errno, EINTR );
+#endif
         unsigned char bytes[4];
         EXPECT_EQ( ::read( SignalHandler::readFd(), bytes, sizeof( bytes ) ), 1 );
         EXPECT_EQ( bytes[0], SIGUSR2 );

@@ -59,8 +59,7 @@ protected:
     void TearDown() override { removeInterprocessObjects(); }
 };
 
-// -------------------------------------------------------------------------------- records and
-// array
+// -------- records and array
 
 TEST( SubsystemInfoRecord, FieldsLieAtTheirOffsets )
 {
@@ -163,8 +162,7 @@ TEST( SubsystemInfoArray, ConcurrentThreadsClaimEachRecordOnce )
     }
 }
 
-// ------------------------------------------------------------------------------------------
-// segment
+// -------- segment
 
 TEST_F( SubsystemInfoSegment, IsMadeByTheFirstRecordAndKeepsWhatItHolds )
 {

@@ -94,7 +94,7 @@ unsigned int throwInt( ThreadedTask*, void* )
     throw 1;
 }
 
-// -------------------------------------------------------------------------------------------- life
+// -------- life
 
 TEST_F( ThreadedTaskLife, FunctionsResultIsTheExitCode )
 {
@@ -238,7 +238,7 @@ TEST_F( ThreadedTaskLife, FailedCreationThrowsAndLeavesNothing )
     EXPECT_EQ( counter, 0 );
 }
 
-// ------------------------------------------------------------------------------- records and names
+// -------- records and names
 
 TEST_F( ThreadedTaskLife, RecordFollowsTheThread )
 {
@@ -308,8 +308,7 @@ TEST_F( ThreadedTaskLife, ThreadletonsAreDeletedAtTheThreadsEnd )
     EXPECT_EQ( CountedThreadleton::ourNbr, 0 );
 }
 
-// ----------------------------------------------------------------------------------------
-// terminate
+// -------- terminate
 
 // True from its begin until its stack is unwound.
 unsigned int blockForEver( ThreadedTask*, void* isInsidePtr )
@@ -387,8 +386,7 @@ TEST_F( ThreadedTaskTermination, EndsInACompletedTaskAtAnyMoment )
     } );
 }
 
-// ----------------------------------------------------------------------------- priority and
-// affinity
+// -------- priority and affinity
 
 TEST_F( ThreadedTaskPriority, LineThroughTheNiceValues )
 {

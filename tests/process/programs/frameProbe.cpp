@@ -66,7 +66,7 @@ private:
     std::string myKind;
 };
 
-// ------------------------------------------------------------------------------------------ life
+// -------- life
 
 int returnArgument()
 {
@@ -176,7 +176,7 @@ int interruptRead()
     return task.exitCode();
 }
 
-// ---------------------------------------------------------------------------------- status records
+// -------- status records
 
 unsigned int waitOnSemaphore( Mt::ThreadedTask*, void* semaphorePtr )
 {
@@ -198,8 +198,7 @@ int showRecords()
     return 0;
 }
 
-// -------------------------------------------------------------------------------------------
-// crashes
+// -------- crashes
 
 // The sanitizers must not find first what the process is to crash by.
 #define NUV_UNCHECKED __attribute__( ( no_sanitize( "address", "undefined" ) ) )
@@ -297,8 +296,7 @@ int crash()
     return 0;
 }
 
-// --------------------------------------------------------------------------------------------
-// forks
+// -------- forks
 
 int exitFromMain()
 {
