@@ -33,6 +33,12 @@ TEST_F( ProcessFrame, ResultOfNuvMainIsTheExitStatus )
     EXPECT_EQ( run( { "none", "exit", "9" } ).exitStatus(), 9 ); // from the thread "main"
 }
 
+TEST_F( ProcessFrame, SmallestExampleLogsItsLine )
+{
+    EXPECT_EQ( runProgram( tool( "hello" ), start( { "frame" } ) ).exitStatus(), 0 );
+    EXPECT_EQ( nbrOf( " hello/W hello, frame\n", readFile( path( "log/main.log" ) ) ), 1u );
+}
+
 TEST_F( ProcessFrame, EscapedExceptionIsLoggedByItsCategory )
 {
     const char* const texts[] = {
