@@ -201,7 +201,12 @@ TEST( ArchiverEnd, NumbersGoOnAndTheStateTells )
     unsigned char u = 0;
     in.get( &u );
     EXPECT_EQ( 0xFF, u );
-    std::stringbuf full( std::ios_base::in ); // takes nothing
+    std::stringbuf cutBuf( header + "\0\0\0\0a\0\0"s );
+    InputArchiver cut( &cutBuf );
+    cut.get( &value );
+    std::string text;
+    EXPECT_THROW( cut >> text, Archiver::Exception ); // no empty text from the zeros before
+    std::stringbuf full( std::ios_base::in );         // takes nothing
     EXPECT_FALSE( OutputArchiver( &full ).isComplete() );
 }
 

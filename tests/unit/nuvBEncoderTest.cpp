@@ -53,6 +53,7 @@ TEST( BEncoderItems, DecodeToTheirTypesAndEncodeBack )
         { "d3:cow3:moo4:spam4:eggse", "" },
         { "d4:spam4:eggs3:cow3:mooe", "d3:cow3:moo4:spam4:eggse" },
         { "d1:ai1e1:ai2ee", "d1:ai1ee" },
+        { "ld1:aei1ee", "ldei1ee" },
         { "d 1:ai1ee", "d1:ai1ee" },
         { "d1:ai1e1:bee", "d1:ai1ee" }, // 'e' for a value ends it
         { "d3:a\0xi1ee"s, "d1:ai1ee" }, // a key ends at its NUL
@@ -182,6 +183,8 @@ TEST( BEncoderStream, StateTellsWhereItEnded )
     EXPECT_THROW( BEncoder::decode( ended ), BEncoder::DecodeException );
     EXPECT_TRUE( ended.eof() && ended.fail() );
     // A stream that has failed gives nothing and no position.
+    ended.str( "i1e" );
+    ended.clear( std::ios_base::failbit );
     try {
         BEncoder::decode( ended );
         FAIL();

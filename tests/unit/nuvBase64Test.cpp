@@ -130,6 +130,7 @@ TEST( Base64Decoding, WhatIsNoTextThrows )
         SCOPED_TRACE( textPtr );
         EXPECT_EQ( invalidText, failureOf( [&] { decode( textPtr ); } ) );
     }
+    EXPECT_EQ( invalidText, failureOf( [] { decode( "TWE==", 4 ); } ) ); // one '=' was enough
     Base64 base64( Base64::growOutput );
     Buffer output( "kept" );
     base64.reverseUpdate( "TWFuTW", &output );

@@ -165,6 +165,17 @@ TEST( MpiDecimal, AgreesWithTheSmallOperations )
     }
 }
 
+// Values whose quotients by 10^19 are estimated too low at first.
+TEST( MpiDecimal, QuotientEstimatesArePutRight )
+{
+    EXPECT_EQ(
+        "184467440737092412200161693188587782110",
+        text( fromBytes( "\x8A\xC7\x23\x04\x89\xE5\x6E\xB5\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xDE" ) ) );
+    EXPECT_EQ(
+        "184467440736903782860366648775176359393",
+        text( fromBytes( "\x8A\xC7\x23\x04\x89\x49\x66\xE4\xFF\xFF\x09\xBC\x99\x68\x0D\xE1" ) ) );
+}
+
 TEST( MpiDecimal, PowersOfTwoAndTheirNeighbours )
 {
     Mpi power( 1 );

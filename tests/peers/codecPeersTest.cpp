@@ -1,0 +1,203 @@
+// Encodings and wide numbers against software of others: Python (its zlib module and its integers),
+// base64 of coreutils, a b-encoded file that mktorrent made.
+
+#include "nuvBEncoder.h"
+#include "nuvBase64.h"
+#include "nuvCrc.h"
+#include "nuvInt128.h"
+#include "nuvMpi.h"
+#include "nuvTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace Nuv::Utils {
+namespace {
+
+// The output of a shell command on "$1"; a test failure if it fails.
+NuvTest::Outcome shell( const std::string& command, const std::string& argument = "" )
+{
+    NuvTest::Start start;
+    start.arguments = { "-c", command, "sh", argument };
+    return NuvTest::runProgram( "/bin/sh", start );
+}
+
+std::string outputOf( const std::string& command, const std::string& argument )
+{
+    const NuvTest::Outcome outcome = shell( command, argument );
+    EXPECT_EQ( 0, outcome.exitStatus() ) << outcome.output << outcome.errors;
+    return outcome.output;
+}
+
+#define NUV_SKIP_WITHOUT_COMMAND( name )                                                           \
+    if ( shell( "command -v " name ).exitStatus() != 0 )                                           \
+    GTEST_SKIP() << name " is not installed"
+
+std::string randomBytes( std::mt19937_64* enginePtr, std::size_t size )
+{
+    std::string bytes;
+    while ( bytes.size() < size )
+        bytes += static_cast< char >( ( *enginePtr )() );
+    return bytes;
+}
+
+// Small numbers and full ones alike.
+Int128 randomNumber( std::mt19937_64* enginePtr )
+{
+    const UInt128 bits( ( *enginePtr )(), ( *enginePtr )() );
+    return Int128( bits >> static_cast< unsigned int >( ( *enginePtr )() % 128 ) );
+}
+
+std::string text( const Int128& number )
+{
+    Buffer buffer;
+    number.toString( &buffer, 10 );
+    return buffer.str();
+}
+
+template < class Item >
+const Item& as( const BEncoder::ItemPtr& itemPtr )
+{
+    return dynamic_cast< const Item& >( *itemPtr );
+}
+
+TEST( CrcPeer, ZlibGivesTheSameSums )
+{
+    NUV_SKIP_WITHOUT_COMMAND( "python3" );
+    const NuvTest::TemporaryFolder folder;
+    std::mt19937_64 engine( 11 );
+    const std::string bytes = randomBytes( &engine, 5000 );
+    NuvTest::writeFile( folder.path( "bytes" ), bytes );
+    // zlib takes and gives the finished sum: the register inverted.
+    std::istringstream lines( outputOf( R"(python3 -c '
+import sys, zlib, binascii
+b = open(sys.argv[1], "rb").read()
+for n in range(7, len(b), 97):
+    print(zlib.crc32(b[n % 7:n]), zlib.crc32(b[:n], 12345), binascii.crc_hqx(b[:n], n))' "$1")",
+                                        folder.path( "bytes" ) ) );
+    for ( std::size_t n = 7; n < bytes.size(); n += 97 ) {
+        std::uint32_t whole = 0, continued = 0, crc16 = 0;
+        ASSERT_TRUE( lines >> whole >> continued >> crc16 );
+        EXPECT_EQ( whole, Crc32::checksum( bytes.data() + n % 7, n - n % 7 ) );
+        EXPECT_EQ( continued, ~Crc32( ~std::uint32_t( 12345 ) ).update( bytes.data(), n ).value() );
+        const Crc16 begun( static_cast< std::uint16_t >( n ) );
+        EXPECT_EQ( crc16, Crc16( begun ).update( bytes.data(), n ).value() );
+    }
+}
+
+TEST( Base64Peer, CoreutilsReadsAndWritesTheSameText )
+{
+    NUV_SKIP_WITHOUT_COMMAND( "base64" );
+    const NuvTest::TemporaryFolder folder;
+    std::mt19937_64 engine( 12 );
+    for ( const std::size_t size : { 0, 1, 44, 45, 46, 100, 4999, 100000 } ) {
+        SCOPED_TRACE( size );
+        const std::string bytes = randomBytes( &engine, size );
+        NuvTest::writeFile( folder.path( "bytes" ), bytes );
+        const std::string theirs = outputOf( "base64 -w 60 \"$1\"", folder.path( "bytes" ) );
+        Base64 base64( Base64::growOutput );
+        Buffer ours;
+        base64.forwardUpdate( bytes, &ours );
+        base64.forwardFinal( &ours );
+        // They end every line with a line feed, we only full ones.
+        EXPECT_EQ( theirs, ours.str() + ( ours.size() % 61 != 0 ? "\n" : "" ) );
+        NuvTest::writeFile( folder.path( "text" ), ours.str() );
+        EXPECT_EQ( bytes, outputOf( "base64 -d \"$1\"", folder.path( "text" ) ) );
+        Buffer decoded;
+        base64.reverseUpdate( theirs, &decoded );
+        base64.reverseFinal( &decoded );
+        EXPECT_EQ( bytes, decoded.str() );
+    }
+}
+
+TEST( Int128Peer, PythonComputesTheSame )
+{
+    NUV_SKIP_WITHOUT_COMMAND( "python3" );
+    const NuvTest::TemporaryFolder folder;
+    std::mt19937_64 engine( 13 );
+    std::ostringstream input;
+    std::ostringstream ours;
+    for ( int i = 0; i < 3000; ++i ) {
+        const Int128 a = randomNumber( &engine );
+        const Int128 b = randomNumber( &engine ) | 1;
+        const unsigned int count = static_cast< unsigned int >( engine() % 128 );
+        input << text( a ) << ' ' << text( b ) << ' ' << count << '\n';
+        for ( const Int128& result : { a + b, a - b, a * b, a / b, a % b, a & b, a | b, a ^ b, ~a,
+                                       -b, a << count, a >> count } )
+            ours << text( result ) << ' ';
+        ours << ( a < b ) << ' ' << text( Int128( a.toDouble() ) ) << '\n';
+    }
+    NuvTest::writeFile( folder.path( "numbers" ), input.str() );
+    EXPECT_EQ( ours.str(), outputOf( R"(python3 -c '
+import sys
+def wrap(n): return (n + 2**127) % 2**128 - 2**127
+def cut(a, b): return abs(a) // abs(b) * (1 if (a < 0) == (b < 0) else -1)
+for line in open(sys.argv[1]):
+    a, b, n = map(int, line.split())
+    q = cut(a, b)
+    r = (a + b, a - b, a * b, q, a - q * b, a & b, a | b, a ^ b, ~a, -b, a << n, a >> n)
+    print(*map(wrap, r), int(a < b), wrap(int(float(a))))' "$1")",
+                                     folder.path( "numbers" ) ) );
+}
+
+TEST( MpiPeer, PythonReadsAndWritesTheSameDecimals )
+{
+    NUV_SKIP_WITHOUT_COMMAND( "python3" );
+    const NuvTest::TemporaryFolder folder;
+    std::mt19937_64 engine( 14 );
+    std::string input;
+    std::ostringstream ours;
+    for ( int i = 0; i < 200; ++i ) {
+        std::string digits( 1, static_cast< char >( '1' + engine() % 9 ) );
+        for ( std::size_t n = engine() % 1200; n != 0; --n )
+            digits += static_cast< char >( '0' + engine() % 10 );
+        input += digits + "\n";
+        Mpi number;
+        number.setAsciiDecimal( digits.c_str() );
+        Buffer back;
+        number.getAsciiDecimal( &back );
+        EXPECT_EQ( digits, back.str() );
+        ours << std::hex;
+        for ( const char byte : number.bytes() )
+            ours << ( byte >> 4 & 15 ) << ( byte & 15 );
+        ours << ' ' << std::dec << number.sizeInBits() << '\n';
+    }
+    NuvTest::writeFile( folder.path( "digits" ), input );
+    EXPECT_EQ( ours.str(), outputOf( R"(python3 -c '
+import sys
+for n in map(int, open(sys.argv[1])):
+    print(n.to_bytes((n.bit_length() + 7) // 8, "big").hex(), n.bit_length())' "$1")",
+                                     folder.path( "digits" ) ) );
+}
+
+TEST( BEncoderPeer, ReadsAndRewritesWhatMktorrentMade )
+{
+    NUV_SKIP_WITHOUT_COMMAND( "mktorrent" );
+    const NuvTest::TemporaryFolder folder;
+    std::mt19937_64 engine( 15 );
+    NuvTest::writeFile( folder.path( "set/first.bin" ), randomBytes( &engine, 300000 ) );
+    NuvTest::writeFile( folder.path( "set/below/second.bin" ), randomBytes( &engine, 1000 ) );
+    outputOf(
+        "cd \"$1\" && mktorrent -a http://127.0.0.1:8000/announce -c 'a remark' -l 15 -o made set",
+        folder.path() );
+    const std::string made = NuvTest::readFile( folder.path( "made" ) );
+    IBufferStream stream( made );
+    const BEncoder::ItemPtr topPtr = BEncoder::decode( stream );
+    OBufferStream again;
+    topPtr->encode( &again );
+    EXPECT_EQ( made, again.view() );
+
+    const auto& top = as< BEncoder::Dictionary >( topPtr );
+    EXPECT_EQ( "a remark", as< BEncoder::StringItem >( top.find( "comment" ) ).bytes() );
+    const auto& info = as< BEncoder::Dictionary >( top.find( "info" ) );
+    EXPECT_EQ( 32768, as< BEncoder::IntegerItem >( info.find( "piece length" ) ).value() );
+    EXPECT_EQ( 10 * 20u, as< BEncoder::StringItem >( info.find( "pieces" ) ).bytes().size() );
+    EXPECT_EQ( 2u, as< BEncoder::List >( info.find( "files" ) ).items().size() );
+}
+
+} // namespace
+} // namespace Nuv::Utils
