@@ -191,7 +191,7 @@ gid_t applicationGroupId()
     return groupId;
 }
 
-bool isSupplementaryGroup( gid_t groupId )
+std::vector< gid_t > supplementaryGroups()
 {
     std::vector< gid_t > groups;
     int count = 0;
@@ -201,13 +201,21 @@ bool isSupplementaryGroup( gid_t groupId )
             groups.empty() ? 0 : ::getgroups( static_cast< int >( groups.size() ), groups.data() );
     } while ( count < 0 && errno == EINVAL );
     groups.resize( static_cast< std::size_t >( std::max( 0, count ) ) );
-    return std::find( groups.begin(), groups.end(), groupId ) != groups.end();
+    return groups;
 }
 
+// A process of no other group than its effective one gets that in any case: it is spared the search
+// for the application's group, which may ask many sources, one over the network.
 gid_t groupForObjects()
 {
+    const gid_t effectiveGroupId = ::getegid();
+    const std::vector< gid_t > groups = supplementaryGroups();
+    if ( std::count( groups.begin(), groups.end(), effectiveGroupId ) ==
+         static_cast< std::ptrdiff_t >( groups.size() ) )
+        return effectiveGroupId;
     const gid_t groupId = applicationGroupId();
-    return groupId != noGroup && isSupplementaryGroup( groupId ) ? groupId : ::getegid();
+    const bool isMember = std::find( groups.begin(), groups.end(), groupId ) != groups.end();
+    return groupId != noGroup && isMember ? groupId : effectiveGroupId;
 }
 
 } // namespace

@@ -340,14 +340,17 @@ Semaphore::Semaphore() = default;
 Semaphore::Semaphore( const std::string& name, unsigned int initialCount )
 {
     nuvAssert( initialCount <= maxCount );
+    // What may read the configuration or ask for groups comes before the master semaphore is taken.
     myFileName = Io::IpcFile::keyFilePathname( "sem_", name ).c_str();
+    Utils::SecurityInfo security( Utils::SecurityInfo::semaphoreObject,
+                                  Utils::SecurityInfo::ownerAndGroup );
     const char* failedConditionPtr = "masterLock.isHeld()";
     int errorNbr = 0;
     {
         MasterSemaphore::Lock masterLock;
         masterOfConstruction().acquireShown( &masterLock );
         if ( masterLock.isHeld() )
-            failedConditionPtr = openSet( initialCount );
+            failedConditionPtr = openSet( security, initialCount );
         errorNbr = errno;
     }
     // Reported only here: the report may wait on semaphores, or construct some.
@@ -357,10 +360,8 @@ Semaphore::Semaphore( const std::string& name, unsigned int initialCount )
 
 // The steps that are taken with the master semaphore held.
 // @return null, or the text of the condition that failed, errno telling why
-const char* Semaphore::openSet( unsigned int initialCount )
+const char* Semaphore::openSet( Utils::SecurityInfo& security, unsigned int initialCount )
 {
-    Utils::SecurityInfo security( Utils::SecurityInfo::semaphoreObject,
-                                  Utils::SecurityInfo::ownerAndGroup );
     if ( !Io::IpcFile::createKeyFile( myFileName.cStr(), security ) )
         return "semaphoreFileHandle.isValid()";
     const ::key_t key = Io::FileSystem::ftok( myFileName.cStr(), 1 );

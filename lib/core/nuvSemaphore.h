@@ -7,6 +7,10 @@
 #include <atomic>
 #include <string>
 
+namespace Nuv::Utils {
+class SecurityInfo;
+}
+
 namespace Nuv::Mt {
 
 /// One System V semaphore operation on a semaphore of a set.
@@ -167,7 +171,7 @@ public:
     void companionFileName( const char* pathPtr ) { myCompanionFileName = pathPtr; }
 
 private:
-    const char* openSet( unsigned int initialCount );
+    const char* openSet( Utils::SecurityInfo& security, unsigned int initialCount );
     const char* openSetOfKey( int key, unsigned int groupId, unsigned int initialCount );
     bool joinSet( unsigned int groupId, unsigned int initialCount );
     int leaveSet();
