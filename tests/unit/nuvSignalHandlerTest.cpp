@@ -232,7 +232,7 @@ TEST_F( SignalHandling, HandlerWritesOneByteAndLeavesErrnoAtEintr )
         SignalHandler::singletonPtr();
         errno = 0;
         SignalHandler::raise( SIGUSR2 ); // to the process, without a dispatcher
-#if !defined( __SANITIZE_THREAD__ ) // which delivers late and puts errno back
+#if !defined( __SANITIZE_THREAD__ )      // which delivers late and puts errno back
         EXPECT_EQ( errno, EINTR );
 #endif
         unsigned char bytes[4];
