@@ -99,7 +99,11 @@ struct SecondCache
     char myText[maxLength];
 
     void set( std::int64_t second, Drain::TimeMode mode );
-    std::string_view text();
+    void formText()
+    {
+        if ( myLength == 0 )
+            myLength = std::strftime( myText, maxLength, "%d%b%Y %H:%M:%S.", &myTime );
+    }
 };
 
 constinit thread_local SecondCache ourSecondCache = {};
@@ -124,13 +128,6 @@ void SecondCache::set( std::int64_t second, Drain::TimeMode mode )
     myMode = mode;
     myIsSet = true;
     myLength = 0;
-}
-
-std::string_view SecondCache::text()
-{
-    if ( myLength == 0 )
-        myLength = std::strftime( myText, maxLength, "%d%b%Y %H:%M:%S.", &myTime );
-    return std::string_view( myText, myLength );
 }
 
 /// Puts the cache to the current second. @return the time of day where the clock on the wall stands
@@ -194,38 +191,103 @@ std::string_view applicationName()
 
 // ------------------------------------------------------------------------------------ preamble
 
-/// The short fields of a preamble, put together before they go to the stream.
+/// Puts the fields of a preamble together before they go to the stream at once.
+///
+/// Unchecked: the storage is above what all fields need together.
 class FieldWriter
 {
 public:
-    void add( std::string_view text )
+    void add( char c ) { *myEndPtr++ = c; }
+    /// Copies NbrOfBytes, which takes no call, and keeps the first length of them.
+    template < std::size_t NbrOfBytes >
+    void add( const char* textPtr, std::size_t length )
     {
-        const std::size_t length = std::min( text.size(), sizeof( myChars ) - myLength );
-        std::memcpy( myChars + myLength, text.data(), length );
-        myLength += length;
+        std::memcpy( myEndPtr, textPtr, NbrOfBytes );
+        myEndPtr += length;
     }
-    void add( char c ) { add( std::string_view( &c, 1 ) ); }
-    /// In decimal, with leading zeros up to the width.
-    void addNumber( std::uint32_t number, std::size_t width = 1 )
+    void addName( std::string_view name )
     {
-        char digits[10];
-        const auto end = std::to_chars( digits, digits + sizeof( digits ), number ).ptr;
-        const auto length = static_cast< std::size_t >( end - digits );
-        for ( std::size_t i = length; i < width; ++i )
+        std::memcpy( myEndPtr, name.data(), name.size() );
+        myEndPtr += name.size();
+    }
+    void addNumber( std::uint32_t number )
+    {
+        if ( number < 10 )
+            add( static_cast< char >( '0' + number ) );
+        else
+            myEndPtr = std::to_chars( myEndPtr, myEndPtr + maxNbrOfDigits, number ).ptr;
+    }
+    /// Three digits.
+    void addThousandths( std::uint32_t number )
+    {
+        add( static_cast< char >( '0' + number / 100 ) );
+        add( static_cast< char >( '0' + number / 10 % 10 ) );
+        add( static_cast< char >( '0' + number % 10 ) );
+    }
+    /// At least eight digits.
+    void addSequenceNbr( std::uint32_t number )
+    {
+        for ( std::uint32_t limit = 10000000; limit > std::max< std::uint32_t >( number, 1 );
+              limit /= 10 ) {
             add( '0' );
-        add( std::string_view( digits, length ) );
+        }
+        addNumber( number );
     }
-    void flush( Utils::OBufferStream& stream )
+    void flush( Utils::OBufferStream& stream ) const
     {
-        stream.writeBytes( myChars, myLength );
-        myLength = 0;
+        stream.writeBytes( myChars, static_cast< std::size_t >( myEndPtr - myChars ) );
     }
 
 private:
-    // Above what all fields need together: 11 + 69 + 15 + 14 + 19.
-    char myChars[160];
-    std::size_t myLength = 0;
+    static constexpr std::size_t maxNbrOfDigits = 10;
+    static constexpr std::size_t maxNbrOfChars =
+        11 + ( SecondCache::maxLength + 4 ) + 15 + ProgramName::maxLength + 13 + 16 + 3;
+
+    char myChars[maxNbrOfChars + SecondCache::maxLength];
+    char* myEndPtr = myChars;
 };
+
+void addTime( FieldWriter& fields, std::uint32_t flags, std::uint64_t localNs,
+              unsigned int elapsed )
+{
+    if ( flags & currentTime ) {
+        ourSecondCache.formText();
+        fields.add< SecondCache::maxLength >( ourSecondCache.myText, ourSecondCache.myLength );
+        fields.addThousandths( millisecond( localNs ) );
+        fields.add( ' ' );
+    }
+    if ( flags & elapsedTime ) {
+        fields.addNumber( elapsed / 1000 );
+        fields.add( '.' );
+        fields.addThousandths( elapsed % 1000 );
+        fields.add( ' ' );
+    }
+}
+
+void addProcess( FieldWriter& fields, std::uint32_t flags )
+{
+    if ( flags & appName )
+        fields.addName( applicationName().substr( 0, ProgramName::maxLength ) );
+    if ( flags & threadId ) {
+        fields.add( '[' );
+        fields.addNumber( static_cast< std::uint32_t >( processId() ) );
+        fields.add( ']' );
+    }
+    fields.add( ' ' );
+}
+
+void addSource( FieldWriter& fields, std::uint32_t flags, const Source& source )
+{
+    if ( flags & zoneName ) {
+        const ZoneName& name = source.zone().myName;
+        fields.add< sizeof( name ) >( name.cStr(), name.length() );
+    }
+    if ( flags & severityLetterFlag ) {
+        fields.add( '/' );
+        fields.add( severityLetter( source.severity() ) );
+    }
+    fields.add( ' ' );
+}
 
 } // namespace
 
@@ -236,48 +298,20 @@ void Helper::preamble()
     Drain* const drainPtr = mySource.drainPtr();
     if ( drainPtr == nullptr )
         return;
-    const Zone& zone = mySource.zone();
-    const std::uint32_t flags = zone.flags();
+    const std::uint32_t flags = mySource.zone().flags();
     FieldWriter fields;
     if ( flags & sequenceNbr ) {
-        fields.addNumber( drainPtr->sequenceNbr(), 8 );
+        fields.addSequenceNbr( drainPtr->sequenceNbr() );
         fields.add( ' ' );
     }
     if ( flags & ( currentTime | elapsedTime ) ) {
         const std::uint64_t localNs = takeTime();
-        const unsigned int elapsed = drainPtr->elapsedMs( localNs );
-        if ( flags & currentTime ) {
-            fields.add( ourSecondCache.text() );
-            fields.addNumber( millisecond( localNs ), 3 );
-            fields.add( ' ' );
-        }
-        if ( flags & elapsedTime ) {
-            fields.addNumber( elapsed / 1000 );
-            fields.add( '.' );
-            fields.addNumber( elapsed % 1000, 3 );
-            fields.add( ' ' );
-        }
-    }
-    if ( flags & appName ) {
-        fields.flush( *myStreamPtr );
-        const std::string_view name = applicationName();
-        myStreamPtr->writeBytes( name.data(), name.size() );
-    }
-    if ( flags & threadId ) {
-        fields.add( '[' );
-        fields.addNumber( static_cast< std::uint32_t >( processId() ) );
-        fields.add( ']' );
+        addTime( fields, flags, localNs, drainPtr->elapsedMs( localNs ) );
     }
     if ( flags & ( appName | threadId ) )
-        fields.add( ' ' );
-    if ( flags & zoneName )
-        fields.add( zone.myName.view() );
-    if ( flags & severityLetterFlag ) {
-        fields.add( '/' );
-        fields.add( severityLetter( mySource.severity() ) );
-    }
+        addProcess( fields, flags );
     if ( flags & ( zoneName | severityLetterFlag ) )
-        fields.add( ' ' );
+        addSource( fields, flags, mySource );
     fields.flush( *myStreamPtr );
 }
 

@@ -1,0 +1,7 @@
+// A program without the library, to compare with.
+#include "memoryReport.h"
+
+int main()
+{
+    printMemoryReport();
+}
