@@ -1,5 +1,7 @@
-// A program without the library, to compare with.
+// A C++ program without the library, to compare with.
 #include "memoryReport.h"
+
+#include <iostream>
 
 int main()
 {
