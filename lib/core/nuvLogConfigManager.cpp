@@ -619,7 +619,7 @@ void ConfigManager::forEachDrain( const Action& action )
 // In the order of locking. The drains' mutexes are not taken: one may be held for as long as an
 // output takes. What they guard is sound for the child at every moment, see
 // Drain::afterForkInChild().
-void ConfigManager::prepareFork()
+void ConfigManager::prepareFork() NUV_NO_THREAD_SAFETY_ANALYSIS
 {
     ConfigManagerSingletonPtrMutex.enter();
     ourBindingMutex.enter();
@@ -627,7 +627,7 @@ void ConfigManager::prepareFork()
         managerPtr->myMutex.enter();
 }
 
-void ConfigManager::afterForkInParent()
+void ConfigManager::afterForkInParent() NUV_NO_THREAD_SAFETY_ANALYSIS
 {
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() ) {
         managerPtr->forEachDrain( []( Drain& drain ) { drain.afterForkInParent(); } );
