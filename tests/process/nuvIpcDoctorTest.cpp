@@ -1,0 +1,386 @@
+#include "nuvIpcDoctor.h"
+#include "nuvIpcRepair.h"
+
+#include "nuvEvent.h"
+#include "nuvInterprocessFifo.h"
+#include "nuvSemaphore.h"
+#include "nuvSharedMemory.h"
+#include "nuvTestSupport.h"
+
+#include <csignal>
+#include <cstdint>
+#include <fcntl.h>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <sys/ipc.h>
+#include <sys/ptrace.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Nuv::Tools {
+namespace {
+
+using NuvTest::ChildProcess;
+using NuvTest::Outcome;
+
+std::string ipcDirectory()
+{
+    return NuvTest::RootFixture::root( "ixoRoot/tmp/ipc" );
+}
+
+/// Removes what a test, or the library by design, leaves in the kernel.
+class IpcDoctor : public NuvTest::RootFixture
+{
+protected:
+    void SetUp() override
+    {
+        // The folders and the master semaphore, made by a process that then is gone.
+        ASSERT_EQ(
+            NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } ).exitStatus(), 0 );
+    }
+    void TearDown() override
+    {
+        for ( const Segment& segment : readSegments() )
+            ::shmctl( segment.myId, IPC_RMID, nullptr );
+        for ( const SemaphoreSet& set : readSemaphoreSets() )
+            ::semctl( set.myId, 0, IPC_RMID );
+        ASSERT_EQ( std::system( ( "rm -rf " + ipcDirectory() + "/*" ).c_str() ), 0 );
+    }
+};
+
+std::vector< Finding > problems( const std::vector< Finding >& findings )
+{
+    std::vector< Finding > some;
+    for ( const Finding& finding : findings ) {
+        if ( finding.myCertainty != Finding::note )
+            some.push_back( finding );
+    }
+    return some;
+}
+
+std::string text( const std::vector< Finding >& findings )
+{
+    std::string all;
+    for ( const Finding& finding : findings )
+        all += std::string( certaintyKeyword( finding.myCertainty ) ) + " " +
+               kindKeyword( finding.myKind ) + ": " + finding.myObject + " " + finding.myText +
+               "\n";
+    return all;
+}
+
+std::vector< Finding > findProblems()
+{
+    return problems( examine( ipcDirectory(), 0, nullptr ) );
+}
+
+/// Nobody alive is half-way through anything in these tests, so that no pause is needed.
+/// @return the kinds of what was put right
+std::set< Finding::Kind > repairAll()
+{
+    std::set< Finding::Kind > kinds;
+    Repair repair( ipcDirectory(), []( const Finding& ) { return true; }, { 0, 0 } );
+    std::string error;
+    EXPECT_TRUE( repair.run( &error ) ) << error;
+    for ( const RepairStep& step : repair.steps() ) {
+        EXPECT_TRUE( step.myDone ) << step.myFinding.myObject << ": " << step.myOutcome;
+        kinds.insert( step.myFinding.myKind );
+    }
+    const std::vector< Finding > left = findProblems();
+    EXPECT_TRUE( left.empty() ) << text( left );
+    return kinds;
+}
+
+/// Every kind of object, opened, used and closed.
+struct Objects
+{
+    Mt::Semaphore mySemaphore{ "plain", 1 };
+    Io::SharedMemory mySegment{ "table", 64, Io::SharedMemory::readWrite };
+    Mt::Event myEvent{ "wake" };
+    Io::InterprocessFifo myFifo{ "ring", 1024 };
+
+    bool use()
+    {
+        const bool isTaken = mySemaphore.peek( 1000 );
+        mySemaphore.post();
+        myEvent.signal();
+        Utils::Buffer entry;
+        myFifo.write( Utils::Buffer( "entry" ) );
+        bool isRead = false;
+        while ( myFifo.read( &entry ) )
+            isRead = true;
+        return isTaken && isRead && myEvent.wait( 1000 );
+    }
+};
+
+void useObjects()
+{
+    Objects objects;
+    if ( !objects.use() )
+        ::_exit( 1 );
+}
+
+/// Whether the call that a traced child is stopped at makes, changes or removes something that
+/// other processes see.
+bool isChange( pid_t pid )
+{
+    static const std::set< std::uint64_t > calls = {
+#ifdef SYS_ipc
+        SYS_ipc,
+#endif
+        SYS_semget, SYS_semctl,  SYS_semtimedop, SYS_shmget, SYS_shmat, SYS_shmdt,
+        SYS_shmctl, SYS_mknodat, SYS_unlink,     SYS_write,  SYS_read };
+    __ptrace_syscall_info info{};
+    ::ptrace( PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast< void* >( sizeof( info ) ), &info );
+    if ( info.op != PTRACE_SYSCALL_INFO_ENTRY )
+        return false;
+    if ( info.entry.nr == SYS_openat )
+        return ( info.entry.args[2] & O_CREAT ) != 0;
+#ifdef SYS_semop
+    if ( info.entry.nr == SYS_semop )
+        return true;
+#endif
+    return calls.count( info.entry.nr ) != 0;
+}
+
+/// Kills a child that runs the function when it is about to make its n-th change (from 1), so
+/// behind everything it did before. @return false if it ended before that
+bool killAtChange( int n, void ( *function )() )
+{
+    const pid_t pid = ::fork();
+    if ( pid == 0 ) {
+        ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr );
+        ::raise( SIGSTOP );
+        function();
+        ::_exit( 0 );
+    }
+    int status = 0;
+    ::waitpid( pid, &status, 0 );
+    ::ptrace( PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL );
+    for ( int nbrOfChanges = 0; nbrOfChanges < n; ) {
+        ::ptrace( PTRACE_SYSCALL, pid, nullptr, nullptr );
+        ::waitpid( pid, &status, 0 );
+        if ( WIFEXITED( status ) || WIFSIGNALED( status ) ) {
+            EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
+            return false;
+        }
+        if ( isChange( pid ) )
+            ++nbrOfChanges;
+    }
+    ::kill( pid, SIGKILL );
+    ::waitpid( pid, &status, 0 );
+    return true;
+}
+
+bool canTrace()
+{
+    const pid_t pid = ::fork();
+    if ( pid == 0 )
+        ::_exit( ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr ) == 0 ? 0 : 1 );
+    int status = 0;
+    ::waitpid( pid, &status, 0 );
+    return WIFEXITED( status ) && WEXITSTATUS( status ) == 0;
+}
+
+void expectNothingLeft()
+{
+    const Inventory inventory = Inventory::read( ipcDirectory() );
+    for ( const NamedSemaphore& semaphore : inventory.mySemaphores )
+        ADD_FAILURE() << "left: " << semaphore.myFile.myFileName;
+    for ( const NamedSegment& segment : inventory.mySegments )
+        EXPECT_TRUE( segment.isThreadRecords() ) << "left: " << segment.myFile.myFileName;
+    for ( const NamedFifo& fifo : inventory.myFifos )
+        ADD_FAILURE() << "left: " << fifo.myName;
+    EXPECT_TRUE( inventory.myStraySets.empty() );
+    EXPECT_TRUE( inventory.myStraySegments.empty() );
+}
+
+} // namespace
+
+TEST_F( IpcDoctor, KilledBeforeAnyStepIsFoundAndPutRight )
+{
+    if ( !canTrace() )
+        GTEST_SKIP() << "no child can be traced here";
+    std::set< Finding::Kind > kinds;
+    int n = 1;
+    for ( ; killAtChange( n, useObjects ); ++n ) {
+        SCOPED_TRACE( "change " + std::to_string( n ) );
+        kinds.merge( repairAll() );
+        // What holds entries is kept for the next reader: the run that follows is that.
+        const Outcome outcome = NuvTest::runInChild( useObjects, std::chrono::seconds( 20 ) );
+        ASSERT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+        expectNothingLeft();
+        ASSERT_FALSE( HasFailure() );
+    }
+    EXPECT_GT( n, 80 ) << "the sweep went through too little";
+    for ( const Finding::Kind kind :
+          { Finding::masterTaken, Finding::semaphoreTaken, Finding::fifoUnused,
+            Finding::segmentUnused, Finding::setUnfinished, Finding::useCount,
+            Finding::keyWithoutSet, Finding::keyWithoutSegment } )
+        EXPECT_EQ( kinds.count( kind ), 1u ) << "never met: " << kindKeyword( kind );
+}
+
+TEST_F( IpcDoctor, RepairNextToALiveUserLeavesItUndisturbed )
+{
+    if ( !canTrace() )
+        GTEST_SKIP() << "no child can be traced here";
+    ChildProcess live( [] {
+        Objects objects;
+        std::cout << "open" << std::endl;
+        std::string line;
+        while ( std::getline( std::cin, line ) )
+            std::cout << ( objects.use() ? "works" : "fails" ) << std::endl;
+    } );
+    ASSERT_EQ( live.readLine(), "open" );
+    for ( int n = 1; killAtChange( n, useObjects ); ++n ) {
+        SCOPED_TRACE( "change " + std::to_string( n ) );
+        repairAll();
+        live.writeInput( "use\n" );
+        ASSERT_EQ( live.readLine(), "works" );
+        const Inventory inventory = Inventory::read( ipcDirectory() );
+        for ( const NamedSemaphore& semaphore : inventory.mySemaphores ) {
+            ASSERT_TRUE( semaphore.isReadable() ) << semaphore.myName;
+            EXPECT_EQ( semaphore.value(), 1 ) << semaphore.myName;
+            // Of a semaphore that nothing else belongs to the users cannot be counted.
+            if ( semaphore.myName != "plain" ) {
+                EXPECT_EQ( semaphore.useCount(), 1 ) << semaphore.myName;
+            }
+        }
+        ASSERT_FALSE( HasFailure() );
+    }
+    live.closeInput();
+    EXPECT_EQ( live.wait().exitStatus(), 0 );
+    repairAll(); // the count of "plain" can be judged now
+    expectNothingLeft();
+}
+
+TEST_F( IpcDoctor, WaiterGoesOnWhenWhatTheDeadHeldIsGivenBack )
+{
+    for ( const char* namePtr : { "plain", "shm_table", "LogConfigManager" } ) {
+        SCOPED_TRACE( namePtr );
+        ChildProcess holder( [namePtr] {
+            Mt::Semaphore semaphore( namePtr, 1 );
+            semaphore.wait();
+            std::cout << "taken" << std::endl;
+            ::pause();
+        } );
+        ASSERT_EQ( holder.readLine(), "taken" );
+        ChildProcess waiter( [namePtr] {
+            Mt::Semaphore semaphore( namePtr, 1 );
+            std::cout << "waits" << std::endl;
+            semaphore.wait();
+            std::cout << "has it" << std::endl;
+            semaphore.post();
+        } );
+        ASSERT_EQ( waiter.readLine(), "waits" );
+        EXPECT_TRUE( findProblems().empty() ) << "a live holder is no fault";
+        holder.kill( SIGKILL );
+        holder.wait();
+        ASSERT_EQ( findProblems().size(), 1u ) << text( findProblems() );
+        Repair repair( ipcDirectory(), []( const Finding& ) { return true; }, { 0, 200 } );
+        std::string error;
+        EXPECT_TRUE( repair.run( &error ) ) << error;
+        EXPECT_EQ( waiter.readLine(), "has it" );
+        EXPECT_EQ( waiter.wait().exitStatus(), 0 );
+        repairAll();
+    }
+}
+
+TEST_F( IpcDoctor, NothingIsTouchedThatWasNotApproved )
+{
+    ASSERT_TRUE( killAtChange( 40, useObjects ) );
+    const std::vector< Finding > before = findProblems();
+    ASSERT_FALSE( before.empty() );
+    std::size_t nbrOfQuestions = 0;
+    Repair repair( ipcDirectory(), [&]( const Finding& ) { return ++nbrOfQuestions == 0; },
+                   { 0, 0 } );
+    std::string error;
+    EXPECT_TRUE( repair.run( &error ) ) << error;
+    EXPECT_EQ( nbrOfQuestions, before.size() );
+    EXPECT_TRUE( repair.steps().empty() );
+    EXPECT_EQ( text( findProblems() ), text( before ) );
+}
+
+TEST_F( IpcDoctor, EntriesOfARingWithoutProcessAreKept )
+{
+    ChildProcess writer( [] {
+        Io::InterprocessFifo fifo( "ring", 1024 );
+        fifo.write( Utils::Buffer( "last words" ) );
+        std::cout << "written" << std::endl;
+        ::pause();
+    } );
+    ASSERT_EQ( writer.readLine(), "written" );
+    writer.kill( SIGKILL );
+    writer.wait();
+    repairAll();
+    const Outcome outcome = NuvTest::runInChild( [] {
+        Io::InterprocessFifo fifo( "ring", 1024 );
+        Utils::Buffer entry;
+        EXPECT_TRUE( fifo.read( &entry ) );
+        EXPECT_STREQ( entry.cStr(), "last words" );
+    } );
+    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+    expectNothingLeft();
+}
+
+TEST_F( IpcDoctor, UnfinishedMasterIsGivenItsValue )
+{
+    const Inventory inventory = Inventory::read( ipcDirectory() );
+    ASSERT_TRUE( inventory.myMaster );
+    ::semctl( inventory.myMaster->myId, 0, IPC_RMID );
+    ASSERT_GE( ::semget( inventory.myMaster->myKey, 1, IPC_CREAT | IPC_EXCL | 0660 ), 0 );
+    const std::vector< Finding > found = findProblems();
+    ASSERT_EQ( found.size(), 1u ) << text( found );
+    EXPECT_EQ( found[0].myKind, Finding::masterUnfinished );
+    repairAll();
+    EXPECT_EQ( NuvTest::runInChild( useObjects ).exitStatus(), 0 );
+}
+
+TEST_F( IpcDoctor, StraysAreRemovedOnlyWhenTheirUsersAreGone )
+{
+    constexpr ::key_t key = 0x7ab3c4d1;
+    ChildProcess owner( [] {
+        const int setId = ::semget( key, 2, IPC_CREAT | IPC_EXCL | 0660 );
+        for ( unsigned short index : { 0, 1 } ) {
+            sembuf operation{ index, 1, 0 };
+            ::semop( setId, &operation, 1 );
+        }
+        ::shmget( key, 8804, IPC_CREAT | IPC_EXCL | 0660 );
+        std::cout << "made" << std::endl;
+        ::pause();
+    } );
+    ASSERT_EQ( owner.readLine(), "made" );
+    EXPECT_TRUE( findProblems().empty() ) << text( findProblems() );
+    owner.kill( SIGKILL );
+    owner.wait();
+    EXPECT_EQ( findProblems().size(), 2u ) << text( findProblems() );
+    repairAll();
+    EXPECT_LT( ::semget( key, 0, 0 ), 0 );
+    EXPECT_LT( ::shmget( key, 0, 0 ), 0 );
+}
+
+TEST_F( IpcDoctor, KernelListsAgreeWithTheirOwnCalls )
+{
+    const int setId = ::semget( 0x1234abcd, 2, IPC_CREAT | IPC_EXCL | 0640 );
+    const int segmentId = ::shmget( -5, 12345, IPC_CREAT | IPC_EXCL | 0600 );
+    ASSERT_GE( setId, 0 );
+    ASSERT_GE( segmentId, 0 );
+    bool isSetFound = false;
+    for ( const SemaphoreSet& set : readSemaphoreSets() )
+        isSetFound = isSetFound || ( set.myId == setId && set.myKey == 0x1234abcd &&
+                                     set.myMode == 0640 && set.mySemaphores.size() == 2 );
+    bool isSegmentFound = false;
+    for ( const Segment& segment : readSegments() )
+        isSegmentFound = isSegmentFound ||
+                         ( segment.myId == segmentId && segment.myKey == -5 &&
+                           segment.myMode == 0600 && segment.mySize == 12345 &&
+                           segment.myCreatorPid == ::getpid() && segment.myNbrOfAttached == 0 );
+    EXPECT_TRUE( isSetFound );
+    EXPECT_TRUE( isSegmentFound );
+}
+
+} // namespace Nuv::Tools
