@@ -390,9 +390,9 @@ void Diagnosis::judgeStrays()
 {
     for ( const Segment& segment : myInventory.myStraySegments ) {
         const bool wasAttached = segment.myAttachTime != 0;
-        const bool isDead =
-            segment.myNbrOfAttached == 0 && isGone( segment.myCreatorPid, segment.myChangeTime ) &&
-            ( !wasAttached || isGone( segment.myLastPid, segment.myDetachTime ) );
+        const bool isDead = segment.myNbrOfAttached == 0 &&
+                            isGone( segment.myCreatorPid, segment.myChangeTime ) &&
+                            ( !wasAttached || isGone( segment.myLastPid, segment.myDetachTime ) );
         const bool isLikely = isDead && !myHasForeignUsers;
         Finding& finding = add( isLikely ? Finding::straySegment : Finding::remark,
                                 isLikely ? Finding::likely : Finding::note,

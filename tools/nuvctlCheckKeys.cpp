@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
+#include <deque>
 #include <grp.h>
 #include <initializer_list>
 #include <map>
@@ -182,12 +183,12 @@ void LogCheck::forEachBelow( const char* sectionPtr, F function ) const
     const Node* const topPtr = myConfig.findKey( sectionPtr );
     if ( topPtr == nullptr )
         return;
-    std::vector< std::pair< std::string, const Node* > > pending;
+    std::deque< std::pair< std::string, const Node* > > pending;
     for ( const auto& [name, childPtr] : topPtr->children() )
         pending.emplace_back( name, childPtr );
     while ( !pending.empty() ) {
-        const auto [name, nodePtr] = pending.back();
-        pending.pop_back();
+        const auto [name, nodePtr] = pending.front();
+        pending.pop_front();
         if ( !nodePtr->values().empty() || nodePtr->children().empty() )
             function( name, *nodePtr );
         for ( const auto& [below, childPtr] : nodePtr->children() )

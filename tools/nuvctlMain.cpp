@@ -215,6 +215,12 @@ int main( int argc, char** argv )
     app.add_flag( "--json", line.myCommon.myJson, "Print JSON, for scripts" );
     addOthers( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
+    if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&
+         app.get_subcommands(
+                [&]( const CLI::App* appPtr ) { return appPtr->get_name() == arguments[0]; } )
+             .empty() )
+        return complain( "there is no command \"" + arguments[0] + "\"; see nuvctl --help" ),
+               wrongUsage;
     std::reverse( arguments.begin(), arguments.end() ); // as the parser wants them
     try {
         app.parse( arguments );

@@ -129,21 +129,20 @@ void useObjects()
 bool isChange( pid_t pid )
 {
     static const std::set< std::uint64_t > calls = {
+        SYS_semget, SYS_semctl,  SYS_shmget, SYS_shmat, SYS_shmdt,
+        SYS_shmctl, SYS_mknodat, SYS_unlink, SYS_write, SYS_read,
 #ifdef SYS_ipc
-        SYS_ipc,
+        SYS_ipc, // operations on sets have no number of their own in this width
+#else
+        SYS_semop,  SYS_semtimedop,
 #endif
-        SYS_semget, SYS_semctl,  SYS_semtimedop, SYS_shmget, SYS_shmat, SYS_shmdt,
-        SYS_shmctl, SYS_mknodat, SYS_unlink,     SYS_write,  SYS_read };
+    };
     __ptrace_syscall_info info{};
     ::ptrace( PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast< void* >( sizeof( info ) ), &info );
     if ( info.op != PTRACE_SYSCALL_INFO_ENTRY )
         return false;
     if ( info.entry.nr == SYS_openat )
         return ( info.entry.args[2] & O_CREAT ) != 0;
-#ifdef SYS_semop
-    if ( info.entry.nr == SYS_semop )
-        return true;
-#endif
     return calls.count( info.entry.nr ) != 0;
 }
 
