@@ -117,7 +117,11 @@ public:
     Buffer& operator=( const Buffer& other );
     Buffer& operator=( Buffer&& other ) noexcept;
     Buffer& operator=( std::string_view text ) { return assign( text.data(), text.size() ); }
-    Buffer& operator=( const char* textPtr ) { return *this = std::string_view( textPtr ); }
+    Buffer& operator=( const char* textPtr )
+    {
+        nuvAssert( textPtr != NULL );
+        return *this = std::string_view( textPtr );
+    }
     Buffer& operator=( const std::string& text ) { return *this = std::string_view( text ); }
 
     void swap( Buffer& other ) noexcept;

@@ -142,10 +142,11 @@ void Global::initSharedMemory() const
 
 void Global::localTimeOffsetAndZone( int offsetSeconds, const char* zoneNamePtr )
 {
+    const FixedString< char, 100 > zoneName( zoneNamePtr );
     Data& shared = data();
     const Mt::SemaphoreLock lock( mySemaphorePtr.get() );
     shared.localTimeOffset = offsetSeconds;
-    shared.timeZoneName = zoneNamePtr;
+    shared.timeZoneName = zoneName;
 }
 
 void Global::localTimeOffsetAndZone( int* offsetSecondsPtr, std::string* zoneNamePtr ) const
@@ -153,15 +154,16 @@ void Global::localTimeOffsetAndZone( int* offsetSecondsPtr, std::string* zoneNam
     const Data& shared = data();
     const Mt::SemaphoreLock lock( mySemaphorePtr.get() );
     *offsetSecondsPtr = shared.localTimeOffset;
-    *zoneNamePtr = shared.timeZoneName.cStr();
+    *zoneNamePtr = shared.timeZoneName.view(); // another process may have destroyed its end
 }
 
 void Global::httpProxyAddress( unsigned short port, const char* addressPtr )
 {
+    const FixedString< char, 20 > address( addressPtr );
     Data& shared = data();
     const Mt::SemaphoreLock lock( mySemaphorePtr.get() );
     shared.httpProxyPort = port;
-    shared.httpProxyAddressText = addressPtr;
+    shared.httpProxyAddressText = address;
 }
 
 void Global::httpProxyAddress( unsigned short* portPtr, std::string* addressPtr ) const
@@ -169,7 +171,7 @@ void Global::httpProxyAddress( unsigned short* portPtr, std::string* addressPtr 
     const Data& shared = data();
     const Mt::SemaphoreLock lock( mySemaphorePtr.get() );
     *portPtr = shared.httpProxyPort;
-    *addressPtr = shared.httpProxyAddressText.cStr();
+    *addressPtr = shared.httpProxyAddressText.view();
 }
 
 void Global::httpProxyIsEnabled( bool enabled )

@@ -80,10 +80,10 @@ public:
     /// @param namePtr compared exactly; null has no capability
     bool platformHasCapability( const char* namePtr ) const;
 
-    /// @param zoneNamePtr cut to 99 characters
+    /// @param zoneNamePtr cut to 99 characters; null fails nuvAssert, nothing stored
     void localTimeOffsetAndZone( int offsetSeconds, const char* zoneNamePtr );
     void localTimeOffsetAndZone( int* offsetSecondsPtr, std::string* zoneNamePtr ) const;
-    /// @param addressPtr cut to 19 characters
+    /// @param addressPtr cut to 19 characters; null fails nuvAssert, nothing stored
     void httpProxyAddress( unsigned short port, const char* addressPtr );
     void httpProxyAddress( unsigned short* portPtr, std::string* addressPtr ) const;
     void httpProxyIsEnabled( bool enabled );

@@ -3,6 +3,7 @@
 #include "nuvGlobal.h"
 #include "nuvTime.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 
@@ -58,6 +59,7 @@ void MainAppStatusSetter::commitToSharedMemoryImpl()
 
 void VirtualSensorStatusSetter::virtualStatusPtr( VirtualSensorStatus* statusPtr )
 {
+    nuvAssert( statusPtr != NULL );
     myVirtualStatusPtr = statusPtr;
     statusPtr->flag = 0;
     statusPtr->name[0] = '\0';
@@ -69,6 +71,7 @@ void VirtualSensorStatusSetter::virtualStatusPtr( VirtualSensorStatus* statusPtr
 
 void VirtualSensorStatusSetter::name( const char* namePtr )
 {
+    nuvAssert( myVirtualStatusPtr != NULL );
     setText( myVirtualStatusPtr->name, namePtr );
 }
 
@@ -77,6 +80,7 @@ void VirtualSensorStatusSetter::setBucketStatus( BucketName bucket, unsigned int
                                                  unsigned int value3, unsigned int value4,
                                                  unsigned int value5, unsigned int value6 )
 {
+    nuvAssert( myVirtualStatusPtr != NULL );
     nuvAssert( bucket < nbrOfBuckets );
     const unsigned int values[] = { value0, value1, value2, value3, value4, value5, value6 };
     std::copy( std::begin( values ), std::end( values ), myVirtualStatusPtr->buckets[bucket] );
@@ -86,6 +90,7 @@ void VirtualSensorStatusSetter::setTopService( unsigned int serviceNumber,
                                                TopService::ProtocolType protocol,
                                                unsigned int value0, unsigned int value1 )
 {
+    nuvAssert( myVirtualStatusPtr != NULL );
     nuvAssert( serviceNumber < maxNbrOfTopServices );
     myVirtualStatusPtr->topServices[serviceNumber] = { protocol, { value0, value1 } };
 }

@@ -50,6 +50,9 @@ protected:
 };
 
 /// Fills one virtual sensor's part of a sensor record, to which it is attached.
+///
+/// Threads: one at a time, as the record.
+/// Errors:  attaching to null, and any other use before attaching, fails nuvAssert.
 class NUV_API VirtualSensorStatusSetter
 {
 public:

@@ -1,6 +1,7 @@
 #include "nuvString.h"
 
 #include <memory>
+#include <new>
 
 namespace Nuv::Utils {
 namespace {
@@ -144,6 +145,8 @@ void SimpleStr::alloc( const char* textPtr, std::size_t length )
 {
     nuvAssert( textPtr != NULL );
     std::unique_ptr< char[] > copyPtr;
+    if ( length == std::string::npos ) // would wrap
+        throw std::bad_array_new_length();
     if ( length != 0 ) {
         copyPtr.reset( new char[length + 1] );
         const std::size_t count = ::strnlen( textPtr, length );
