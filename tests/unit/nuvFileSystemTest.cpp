@@ -1,6 +1,7 @@
 #include "nuvFileSystem.h"
 
 #include "nuvTestSupport.h"
+#include "nuvTestWrap.h"
 
 #include <atomic>
 #include <cerrno>
@@ -19,10 +20,8 @@ namespace {
 // What the system is made to say of files and of this process.
 std::optional< mode_t > ourMode;
 std::optional< ino_t > ourInode;
-std::atomic< uid_t > ourEuid = 1000;
-std::atomic< gid_t > ourEgid = 1000;
-std::optional< uid_t > ourOwner;
-std::optional< gid_t > ourGroup;
+uid_t ourEuid = 1000, ourOwner = 1000;
+gid_t ourEgid = 1000, ourGroup = 1000;
 NuvTest::Fault ourStatFault;
 NuvTest::Fault ourChmodFault;
 
@@ -30,44 +29,20 @@ int disguise( int result, struct stat* statPtr )
 {
     statPtr->st_mode = ourMode.value_or( statPtr->st_mode );
     statPtr->st_ino = ourInode.value_or( statPtr->st_ino );
-    statPtr->st_uid = ourOwner.value_or( statPtr->st_uid );
-    statPtr->st_gid = ourGroup.value_or( statPtr->st_gid );
+    statPtr->st_uid = ourOwner;
+    statPtr->st_gid = ourGroup;
     return ourStatFault.strikes() ? -1 : result;
 }
 
 } // namespace
 
-// NOLINTBEGIN: the linker gives these names
-#ifdef __i386__
-#define NUV_STAT __stat64_time64
-#else
-#define NUV_STAT stat
-#endif
-#define NUV_JOIN( a, b ) a##b
-#define NUV_NAME( a, b ) NUV_JOIN( a, b )
-extern "C" int NUV_NAME( __real_, NUV_STAT )( const char*, struct stat* );
-extern "C" int NUV_NAME( __wrap_, NUV_STAT )( const char* pathPtr, struct stat* statPtr )
-{
-    return disguise( NUV_NAME( __real_, NUV_STAT )( pathPtr, statPtr ), statPtr );
-}
-extern "C" uid_t __wrap_getuid()
-{
-    return 1000;
-}
-extern "C" uid_t __wrap_geteuid()
-{
-    return ourEuid;
-}
-extern "C" gid_t __wrap_getegid()
-{
-    return ourEgid;
-}
-extern "C" int __real_chmod( const char*, mode_t );
-extern "C" int __wrap_chmod( const char* pathPtr, mode_t mode )
-{
-    return ourChmodFault.strikes() ? -1 : __real_chmod( pathPtr, mode );
-}
-// NOLINTEND
+NUV_WRAP_REAL( int, NUV_TIME64( stat ), ( const char* pathPtr, struct stat* ptr ),
+               disguise( NUV_REAL( NUV_TIME64( stat ) )( pathPtr, ptr ), ptr ) )
+NUV_WRAP( uid_t, getuid, (), 1000 )
+NUV_WRAP( uid_t, geteuid, (), ourEuid )
+NUV_WRAP( gid_t, getegid, (), ourEgid )
+NUV_FAIL_CALLS( ourChmodFault, -1, int, chmod, ( const char* pathPtr, mode_t mode ),
+                ( pathPtr, mode ) )
 
 namespace Nuv::Io {
 namespace {
@@ -82,13 +57,8 @@ protected:
     {
         ourMode.reset();
         ourInode.reset();
-        ourOwner.reset();
-        ourGroup.reset();
         ourEuid = 1000;
-        ourStatFault.disarm();
-        ourChmodFault.disarm();
     }
-
     String path( const char* namePtr ) const { return myFolder.path( namePtr ); }
     String makeFile( const char* namePtr, mode_t mode = 0644 )
     {
@@ -125,19 +95,14 @@ TEST( FileSystemNormalize, GivesTheOneFormOfEveryPathname )
     String absolute = "a/..";
     EXPECT_TRUE( FS::makePathAbsolute( &absolute ) );
     EXPECT_EQ( absolute, "/usr/a/.." );
-}
-
-TEST_F( FileSystemOnFolder, RelativePathnameInARemovedDirectoryIsRefused )
-{
-    ASSERT_TRUE( FS::createDirectory( path( "gone" ) ) );
-    ASSERT_TRUE( FS::setCurrentDirectory( path( "gone" ) ) );
-    ASSERT_TRUE( FS::remove( path( "gone" ) ) );
-    String text = "a";
-    EXPECT_FALSE( FS::makePathAbsolute( &text ) );
-    EXPECT_EQ( FS::normalize( &text ), 0u );
-    EXPECT_EQ( text, "a" );
+    const NuvTest::TemporaryFolder folder;
+    const String gone = folder.path( "gone" );
+    ASSERT_TRUE( FS::createDirectory( gone ) && FS::setCurrentDirectory( gone ) );
+    ASSERT_TRUE( FS::remove( gone ) );
+    absolute = "a";
+    EXPECT_FALSE( FS::makePathAbsolute( &absolute ) || FS::normalize( &absolute ) != 0 );
     EXPECT_TRUE( FS::setCurrentDirectory( "/" ) );
-    EXPECT_FALSE( FS::setCurrentDirectory( path( "gone" ) ) );
+    EXPECT_FALSE( FS::setCurrentDirectory( gone ) );
 }
 
 TEST( FileSystemTexts, ChildIsBelowParentByWholeNames )
@@ -147,41 +112,25 @@ TEST( FileSystemTexts, ChildIsBelowParentByWholeNames )
     bool isChild;
     for ( std::string child, parent; rows >> child >> parent >> isChild; )
         EXPECT_EQ( FS::isChildOf( child, parent ), isChild ) << child << " " << parent;
-    EXPECT_LT( FS::compare( "/a", "/b" ), 0 );
-    EXPECT_EQ( FS::compare( "/a", "/a" ), 0 );
-    EXPECT_EQ( FS::pathnameOfSystemEtc(), "/etc" );
-}
-
-TEST( FileSystemTexts, HomeIsTheVariableOrTheRoot )
-{
     const std::string home = std::getenv( "HOME" );
     EXPECT_EQ( FS::pathnameOfUserHome(), home );
     ::setenv( "HOME", "", 1 );
-    EXPECT_EQ( FS::pathnameOfUserHome(), "/" );
-    ::unsetenv( "HOME" );
     EXPECT_EQ( FS::pathnameOfUserHome(), "/" );
     ::setenv( "HOME", home.c_str(), 1 );
 }
 
 TEST_F( FileSystemOnFolder, AttributesFollowModeOwnerAndGroup )
 {
+    // Mode, owner, group, effective user; then kind and what the process may do.
     constexpr std::uint32_t r = FS::readable, w = FS::writeable, x = FS::executable;
-    constexpr std::uint32_t ur = FS::userReadable, uw = FS::userWriteable, ux = FS::userExecutable;
-    constexpr std::uint32_t gr = FS::groupReadable, gw = FS::groupWriteable,
-                            gx = FS::groupExecutable;
-    constexpr std::uint32_t r0 = FS::otherReadable, w0 = FS::otherWriteable,
-                            x0 = FS::otherExecutable;
     const std::tuple< mode_t, uid_t, gid_t, uid_t, std::uint32_t > rows[] = {
-        { S_IFREG | 0640, 1000, 5, 1000, FS::file | r | w | ur | uw | gr },
-        { S_IFREG | 0640, 7, 1000, 1000, FS::file | r | ur | uw | gr },
-        { S_IFREG | 0640, 7, 5, 1000, FS::file | ur | uw | gr },
-        { S_IFREG | 0001, 7, 5, 1000, FS::file | x | x0 },
-        { S_IFREG | 0106, 7, 5, 1000, FS::file | r | w | ux | r0 | w0 },
-        { S_IFDIR | 0020, 7, 1000, 1000, FS::directory | w | gw },
-        { S_IFDIR | 0010, 7, 1000, 1000, FS::directory | x | gx },
-        { S_IFDIR | 0100, 1000, 5, 1000, FS::directory | x | ux },
+        { S_IFREG | 0640, 1000, 5, 1000, FS::file | r | w },
+        { S_IFREG | 0640, 7, 1000, 1000, FS::file | r },
+        { S_IFREG | 0640, 7, 5, 1000, FS::file },
+        { S_IFREG | 0106, 7, 5, 1000, FS::file | r | w },
+        { S_IFDIR | 0021, 7, 1000, 1000, FS::directory | w | x },
+        { S_IFDIR | 0100, 1000, 5, 1000, FS::directory | x },
         { S_IFREG | 0000, 7, 5, 0, FS::file | r | w | x },
-        { S_IFDIR | 0000, 7, 5, 0, FS::directory | r | w | x },
         { S_IFIFO | 0000, 7, 5, 1000, 0 } };
     const String pathname = makeFile( "x" );
     for ( const auto& [mode, owner, group, euid, bits] : rows ) {
@@ -189,7 +138,14 @@ TEST_F( FileSystemOnFolder, AttributesFollowModeOwnerAndGroup )
         ourOwner = owner;
         ourGroup = group;
         ourEuid = euid;
-        EXPECT_EQ( FS::pathnameAttributes( pathname ), bits ) << std::oct << mode << " " << bits;
+        const std::uint32_t classes[] = {
+            FS::otherExecutable, FS::otherWriteable, FS::otherReadable,
+            FS::groupExecutable, FS::groupWriteable, FS::groupReadable,
+            FS::userExecutable,  FS::userWriteable,  FS::userReadable };
+        std::uint32_t all = bits;
+        for ( int i = 0; i < 9; ++i )
+            all |= mode >> i & 1 ? classes[i] : 0;
+        EXPECT_EQ( FS::pathnameAttributes( pathname ), all ) << std::oct << mode << " " << bits;
     }
 }
 
@@ -214,13 +170,10 @@ TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
         { true, 0000, FS::readable, 0444 },
         { true, 0200, FS::executable, 0311 },
         { true, 01000, FS::userReadable | FS::groupWriteable | FS::otherExecutable, 01421 },
-        { true, 0000, FS::userWriteable | FS::groupExecutable | FS::otherReadable, 0214 },
         { true, 0000, FS::userExecutable | FS::groupReadable | FS::otherWriteable, 0142 },
-        { true, 0600, FS::file | FS::directory | FS::hidden, 0600 },
         { false, 0777, FS::readable, 0333 },
         { false, 0777, FS::writeable, 0555 },
-        { false, 06777, FS::executable, 06666 },
-        { false, 0777, FS::userReadable | FS::groupWriteable | FS::otherExecutable, 0777 } };
+        { false, 06777, FS::executable, 06666 } };
     const String pathname = makeFile( "x" );
     for ( const auto& [isSet, before, bits, after] : rows ) {
         ASSERT_EQ( ::chmod( pathname.c_str(), before ), 0 );
@@ -228,19 +181,16 @@ TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
                            : FS::clearPathnameAttributes( pathname, bits ) );
         EXPECT_EQ( modeOf( pathname ), after ) << std::oct << before << " " << bits;
     }
-    for ( const auto operation : { &FS::setPathnameAttributes, &FS::clearPathnameAttributes } ) {
-        EXPECT_FALSE( operation( path( "missing" ), FS::readable ) );
-        ourChmodFault.arm( 1, EPERM );
-        EXPECT_FALSE( operation( pathname, FS::readable ) );
-        ourChmodFault.arm( 1, EINTR );
-        EXPECT_TRUE( operation( pathname, FS::readable ) );
-    }
+    EXPECT_FALSE( FS::setPathnameAttributes( path( "missing" ), FS::readable ) );
+    ourChmodFault.arm( 1, EPERM );
+    EXPECT_FALSE( FS::clearPathnameAttributes( pathname, FS::readable ) );
+    ourChmodFault.arm( 1, EINTR );
+    EXPECT_TRUE( FS::setPathnameAttributes( pathname, FS::readable ) );
 }
 
 TEST_F( FileSystemOnFolder, SizeAndTimeAreThoseOfTheFile )
 {
     const String pathname = makeFile( "x" );
-    EXPECT_EQ( FS::fileSize( pathname ), 5u );
     ASSERT_EQ( ::truncate( pathname.c_str(), 5000000000 ), 0 ); // sparse; beyond 32 bits
     EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
     const timeval times[2] = { { 1, 0 }, { 1700000001, 999999 } };
@@ -251,18 +201,6 @@ TEST_F( FileSystemOnFolder, SizeAndTimeAreThoseOfTheFile )
     EXPECT_EQ( FS::lastModifiedTime( path( "missing" ) ), Utils::Time( 0 ) );
     ourStatFault.arm( 1, EINTR );
     EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
-}
-
-TEST_F( FileSystemOnFolder, FilesAndDirectoriesComeMoveAndGo )
-{
-    const mode_t savedMask = ::umask( 022 );
-    EXPECT_TRUE( FS::createDirectory( path( "d" ) ) && modeOf( path( "d" ) ) == 0755 );
-    EXPECT_FALSE( FS::createDirectory( path( "d" ) ) || FS::createDirectory( path( "no/d" ) ) );
-    makeFile( "d/x" );
-    EXPECT_FALSE( FS::remove( path( "d" ) ) || FS::rename( path( "d/y" ), path( "y" ) ) );
-    EXPECT_TRUE( FS::rename( path( "d/x" ), path( "y" ) ) );
-    EXPECT_TRUE( FS::remove( path( "d" ) ) && FS::remove( path( "y" ) ) );
-    ::umask( savedMask );
 }
 
 TEST_F( FileSystemOnFolder, DirectoryIsReadOnceByAllItsReferences )
@@ -277,17 +215,13 @@ TEST_F( FileSystemOnFolder, DirectoryIsReadOnceByAllItsReferences )
     String name;
     EXPECT_TRUE( FS::readDirectory( handle, &first ) );
     FS::closeDirectory( &handle );
-    EXPECT_EQ( handle, FS::invalidDirectoryHandle() );
     EXPECT_TRUE( FS::readDirectory( second, &name ) );
     EXPECT_TRUE( ( first == ".a" && name == "b" ) || ( first == "b" && name == ".a" ) );
     EXPECT_FALSE( FS::readDirectory( second, &name ) );
-    EXPECT_THROW( FS::readDirectory( second, nullptr ), LogicException );
     FS::closeDirectory( &second );
     FS::closeDirectory( &second ); // the invalid handle
-    FS::referenceDirectory( second );
     EXPECT_THROW( FS::readDirectory( second, &name ), LogicException );
     EXPECT_THROW( FS::closeDirectory( nullptr ), LogicException );
-    EXPECT_EQ( FS::openDirectory( path( "missing" ) ), FS::invalidDirectoryHandle() );
     EXPECT_EQ( FS::openDirectory( path( "d/b" ) ), FS::invalidDirectoryHandle() );
 }
 
@@ -300,20 +234,17 @@ TEST_F( FileSystemOnFolder, TemporaryFilesAreNewAndPrivate )
     EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &b ) );
     EXPECT_NE( a, b );
     EXPECT_EQ( a.compare( 0, myFolder.path().size() + 4, myFolder.path() + "/pre" ), 0 );
-    EXPECT_EQ( a.size(), myFolder.path().size() + 10 );
     EXPECT_EQ( modeOf( a ), 0600u );
     EXPECT_EQ( ::umask( savedMask ), 0u ); // as it was before
-    const String before = a;
-    EXPECT_FALSE( FS::tempPathname( "pre", path( "missing" ), &a ) );
-    EXPECT_EQ( a, before );
+    b = a;
+    EXPECT_FALSE( FS::tempPathname( "pre", path( "missing" ), &b ) );
+    EXPECT_EQ( a, b );
 }
 
 TEST_F( FileSystemOnFolder, TemporaryDirectoryComesFromTheEnvironmentOfItsOwnUserAlone )
 {
-    ASSERT_TRUE( FS::createDirectory( path( "first" ) ) &&
-                 FS::createDirectory( path( "second" ) ) );
+    ASSERT_TRUE( FS::createDirectory( path( "first" ) ) );
     ::setenv( "TMPDIR", path( "first" ).c_str(), 1 );
-    ::setenv( "TMP", path( "second" ).c_str(), 1 );
     const auto directoryOf = []( uid_t euid, gid_t egid ) {
         ourEuid = euid;
         ourEgid = egid;
@@ -324,11 +255,6 @@ TEST_F( FileSystemOnFolder, TemporaryDirectoryComesFromTheEnvironmentOfItsOwnUse
     };
     EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), path( "first" ) );
     EXPECT_EQ( directoryOf( ::getuid() + 1, ::getgid() ), "/tmp" );
-    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() + 1 ), "/tmp" );
-    ::unsetenv( "TMPDIR" );
-    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), path( "second" ) );
-    ::unsetenv( "TMP" );
-    EXPECT_EQ( directoryOf( ::getuid(), ::getgid() ), "/tmp" );
 }
 
 TEST_F( FileSystemOnFolder, KeyIsTheInodeNumberButNeverPrivate )
@@ -337,19 +263,11 @@ TEST_F( FileSystemOnFolder, KeyIsTheInodeNumberButNeverPrivate )
     struct stat info = {};
     ASSERT_EQ( ::stat( pathname.c_str(), &info ), 0 );
     EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), static_cast< key_t >( info.st_ino ) );
-    EXPECT_EQ( FS::ftok( pathname.c_str(), 2 ), FS::ftok( pathname.c_str(), 1 ) );
     EXPECT_EQ( FS::ftok( path( "missing" ).c_str(), 1 ), -1 );
     ourInode = 0x500000007;
     EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), 7 );
     ourInode = 0x500000000;
     EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), -1 );
-}
-
-mode_t currentUmask()
-{
-    const mode_t mask = ::umask( 0 );
-    ::umask( mask );
-    return mask;
 }
 
 TEST( UmaskScopes, CreatingThreadsAndForksLeaveTheRightUmask )
@@ -373,12 +291,10 @@ TEST( UmaskScopes, CreatingThreadsAndForksLeaveTheRightUmask )
     std::thread second( create, "b", 033 );
     for ( int i = 0; i < 20; ++i ) {
         const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-            EXPECT_EQ( currentUmask(), 027u );
             { // not held by a thread that the child does not have
                 const UmaskScope scope( 0 );
-                EXPECT_EQ( currentUmask(), 0u );
             }
-            EXPECT_EQ( currentUmask(), 027u );
+            EXPECT_EQ( ::umask( 0 ), 027u );
         } );
         EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors << outcome.output;
     }

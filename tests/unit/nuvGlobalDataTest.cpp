@@ -10,88 +10,77 @@ namespace {
 
 using GlobalData = NuvTest::RootFixture;
 
-// The bytes of this root's segment, as any other program would see them.
-std::string rawSegment()
+constexpr std::size_t size = 100108;
+
+// This root's segment, attached as any other program would.
+char* attachRaw()
 {
-    constexpr std::size_t size = 100108;
-    struct stat status;
+    struct stat status = {};
     const std::string keyFile = NuvTest::RootFixture::root( "ixoRoot/tmp/ipc/shm_global-data" );
-    if ( ::stat( keyFile.c_str(), &status ) != 0 )
-        return std::string( size, 'x' );
+    EXPECT_EQ( 0, ::stat( keyFile.c_str(), &status ) );
     const int id = ::shmget( static_cast< key_t >( status.st_ino ), size, 0 );
-    void* const ptr = ::shmat( id, nullptr, SHM_RDONLY );
-    if ( ptr == reinterpret_cast< void* >( -1 ) )
-        return std::string( size, 'x' );
-    const std::string bytes( static_cast< const char* >( ptr ), size );
+    void* const ptr = ::shmat( id, nullptr, 0 );
+    EXPECT_NE( reinterpret_cast< void* >( -1 ), ptr );
+    return static_cast< char* >( ptr );
+}
+
+template < class Word >
+Word wordAt( std::size_t offset )
+{
+    Word word;
+    const char* const ptr = attachRaw();
+    std::memcpy( &word, ptr + offset, sizeof( word ) );
     ::shmdt( ptr );
-    return bytes;
+    return word;
 }
 
 TEST_F( GlobalData, FreshSegmentStartsFromItsDefaultsAtTheirOffsets )
 {
-    {
-        const Global& global = *Global::singletonPtr();
-        EXPECT_EQ( 300u, global.ftpTimeout() );
-        EXPECT_EQ( 1u, global.certificateStoreVersionNbr() );
-        EXPECT_FALSE( global.dnsIsEnabled() || global.httpProxyIsEnabled() );
-        int offset = -1;
-        std::string zone;
-        global.localTimeOffsetAndZone( &offset, &zone );
-        EXPECT_EQ( 0, offset );
-        EXPECT_EQ( "UTC", zone );
-        int version = 0;
-        Buffer bytes( "old" );
-        EXPECT_TRUE( global.getKeystore( &version, &bytes ) );
-        EXPECT_NE( 0, version );
-        EXPECT_TRUE( bytes.empty() );
-
-        const std::string segment = rawSegment();
-        const char* const ptr = segment.data();
-        const auto wordAt = [ptr]( std::size_t offsetInSegment ) {
-            std::uint32_t word;
-            std::memcpy( &word, ptr + offsetInSegment, sizeof( word ) );
-            return word;
-        };
-        EXPECT_STREQ( "UTC", ptr + 4 );
-        EXPECT_EQ( 2u, wordAt( 128 ) );
-        EXPECT_EQ( 300u, wordAt( 140 ) );
-        EXPECT_EQ( 1u, wordAt( 144 ) );
-        EXPECT_EQ( static_cast< std::uint32_t >( version ), wordAt( 148 ) );
-    }
+    const Global& global = *Global::singletonPtr();
+    EXPECT_EQ( 300u, global.ftpTimeout() );
+    EXPECT_EQ( 1u, global.certificateStoreVersionNbr() );
+    EXPECT_FALSE( global.dnsIsEnabled() || global.httpProxyIsEnabled() );
+    int offset = -1;
+    std::string zone;
+    global.localTimeOffsetAndZone( &offset, &zone );
+    EXPECT_EQ( "0UTC", std::to_string( offset ) + zone );
+    int version = 0;
+    Buffer bytes( "old" );
+    EXPECT_TRUE( global.getKeystore( &version, &bytes ) && version != 0 && bytes.empty() );
+    const std::pair< std::size_t, int > rows[] = {
+        { 128, 2 }, { 140, 300 }, { 144, 1 }, { 148, version } };
+    for ( const auto& [at, value] : rows )
+        EXPECT_EQ( value, wordAt< int >( at ) ) << at;
 }
 
-TEST_F( GlobalData, SettingsAreSeenByOtherProcesses )
+TEST_F( GlobalData, SettingsAreSeenByOtherProgramsAndKeepTheirBounds )
 {
     Global& global = *Global::singletonPtr();
     global.localTimeOffsetAndZone( -3600, std::string( 120, 'z' ).c_str() );
     global.httpProxyAddress( 8080, "192.168.100.200:too-long" );
+    EXPECT_THROW( global.localTimeOffsetAndZone( 1, nullptr ), LogicException );
+    EXPECT_THROW( global.httpProxyAddress( 1, nullptr ), LogicException );
     global.httpProxyIsEnabled( true );
     global.dnsIsEnabled( true );
     global.ftpTimeout( 7 );
     global.incrementCertificateStoreVersionNbr();
-    const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-        // The parent's object is inherited; what another program sees are the bytes.
-        const std::string segment = rawSegment();
-        const char* const ptr = segment.data();
-        std::int32_t offset;
-        std::uint16_t port;
-        std::memcpy( &offset, ptr, 4 );
-        std::memcpy( &port, ptr + 106, 2 );
-        EXPECT_EQ( -3600, offset );
-        EXPECT_EQ( std::string( 99, 'z' ), ptr + 4 );
-        EXPECT_EQ( 1, ptr[104] );
-        EXPECT_EQ( 1, ptr[105] );
-        EXPECT_EQ( 8080, port );
-        EXPECT_STREQ( "192.168.100.200:too", ptr + 108 );
-        EXPECT_EQ( 7, ptr[140] );
-        EXPECT_EQ( 2, ptr[144] );
-    } );
-    EXPECT_EQ( 0, outcome.exitStatus() ) << outcome.output << outcome.errors;
+    const std::pair< std::size_t, int > rows[] = { { 0, -3600 }, { 140, 7 }, { 144, 2 } };
+    for ( const auto& [at, value] : rows )
+        EXPECT_EQ( value, wordAt< int >( at ) ) << at;
+    EXPECT_EQ( 0x0101u, wordAt< std::uint16_t >( 104 ) );
+    EXPECT_EQ( 8080u, wordAt< std::uint16_t >( 106 ) );
+    char* const ptr = attachRaw();
+    EXPECT_EQ( std::string( 99, 'z' ), ptr + 4 );
+    EXPECT_STREQ( "192.168.100.200:too", ptr + 108 );
+    ptr[103] = ptr[127] = 'x'; // another program destroys the ends of the texts
     unsigned short port = 0;
-    std::string address;
-    global.httpProxyAddress( &port, &address );
-    EXPECT_EQ( 8080, port );
-    EXPECT_EQ( "192.168.100.200:too", address );
+    int offset = 0;
+    std::string text;
+    global.httpProxyAddress( &port, &text );
+    EXPECT_EQ( "192.168.100.200:toox", text );
+    global.localTimeOffsetAndZone( &offset, &text );
+    EXPECT_EQ( std::string( 99, 'z' ) + "x", text );
+    ::shmdt( ptr );
 }
 
 TEST_F( GlobalData, KeystoreTakesThirtyThousandBytesAndTellsNewVersions )

@@ -1,6 +1,7 @@
 #include "nuvPathname.h"
 
 #include "nuvTestSupport.h"
+#include "nuvTestWrap.h"
 
 #include <atomic>
 #include <cerrno>
@@ -21,30 +22,13 @@ NuvTest::Fault ourRemovalFault;           // in any call of a removal
 std::function< void() > ourBeforeOpening; // of a directory that is to be emptied
 } // namespace
 
-// NOLINTBEGIN: the linker gives these names
-extern "C" int __real_unlinkat( int, const char*, int );
-extern "C" int __wrap_unlinkat( int fd, const char* namePtr, int flags )
-{
-    return ourRemovalFault.strikes() ? -1 : __real_unlinkat( fd, namePtr, flags );
-}
-extern "C" DIR* __real_fdopendir( int );
-extern "C" DIR* __wrap_fdopendir( int fd )
-{
-    return ourRemovalFault.strikes() ? nullptr : __real_fdopendir( fd );
-}
-#ifdef __i386__
-#define NUV_OPENAT( prefix ) prefix##openat64
-#else
-#define NUV_OPENAT( prefix ) prefix##openat
-#endif
-extern "C" int NUV_OPENAT( __real_ )( int, const char*, int, ... );
-extern "C" int NUV_OPENAT( __wrap_ )( int fd, const char* namePtr, int flags, ... )
-{
-    if ( ourBeforeOpening )
-        std::exchange( ourBeforeOpening, nullptr )();
-    return ourRemovalFault.strikes() ? -1 : NUV_OPENAT( __real_ )( fd, namePtr, flags );
-}
-// NOLINTEND
+NUV_FAIL_CALLS( ourRemovalFault, -1, int, unlinkat, ( int fd, const char* namePtr, int flags ),
+                ( fd, namePtr, flags ) )
+NUV_FAIL_CALLS( ourRemovalFault, nullptr, DIR*, fdopendir, ( int fd ), ( fd ) )
+NUV_WRAP_REAL( int, NUV_OFF64( openat ), ( int fd, const char* namePtr, int flags, ... ),
+               ourBeforeOpening ? std::exchange( ourBeforeOpening, nullptr )() : void(),
+               ourRemovalFault.strikes() ? -1
+                                         : NUV_REAL( NUV_OFF64( openat ) )( fd, namePtr, flags ) )
 
 namespace Nuv::Io {
 namespace {
@@ -102,23 +86,12 @@ TEST( PathnameText, JoinsNormalisedAndOnlyBelowAValidDirectory )
     EXPECT_EQ( Pathname( directory, "log/" ).str(), "/srv/x/log" );
     EXPECT_EQ( Pathname( directory, "a/../b" ), Pathname( directory, "b" ) );
     EXPECT_EQ( Pathname( directory, "/b" ).str(), "/srv/x/b" );
-    EXPECT_EQ( Pathname( directory, "" ), directory );
     EXPECT_EQ( Pathname( Pathname( String( "/" ) ), "a" ).str(), "/a" );
-    EXPECT_FALSE( Pathname( directory, "../../.." ).isValid() );
-    EXPECT_FALSE( Pathname( Pathname(), "etc" ).isValid() );
-}
-
-TEST( PathnameText, InvalidAnswersNoToEverything )
-{
-    const Pathname invalid;
-    EXPECT_FALSE( invalid.isValid() || invalid.exists() || invalid.isFile() ||
-                  invalid.isDirectory() );
-    EXPECT_FALSE( invalid.createDirectory() || invalid.remove() );
-    EXPECT_FALSE( invalid.setReadable( 1 ) || invalid.setWriteable( 2 ) ||
-                  invalid.setExecutable( 4 ) );
-    EXPECT_EQ( invalid.readableLevel() | invalid.writeableLevel() | invalid.executableLevel(), 0u );
+    const Pathname invalid( directory, "../../.." );
+    EXPECT_FALSE( invalid.isValid() || Pathname( invalid, "etc" ).isValid() );
+    EXPECT_FALSE( invalid.exists() || invalid.createDirectory() || invalid.remove() ||
+                  invalid.setReadable( 1 ) || invalid.readableLevel() != 0 );
     EXPECT_TRUE( invalid.begin() == invalid.end() );
-    EXPECT_EQ( invalid.str(), "" );
 }
 
 TEST_F( PathnameOnFolder, IteratorGivesEachNameOnceAndCopiesShareTheDirectory )
@@ -128,43 +101,30 @@ TEST_F( PathnameOnFolder, IteratorGivesEachNameOnceAndCopiesShareTheDirectory )
     makeFile( "d/b" );
     EXPECT_EQ( namesIn( at( "d" ) ), ( Names{ ".a", "b", "sub" } ) );
     EXPECT_TRUE( at( "d/sub" ).begin() == at( "d/sub" ).end() );
-    EXPECT_TRUE( at( "d/b" ).begin() == at( "d/b" ).end() );
 
     Pathname::Iterator i = at( "d" ).begin();
     EXPECT_FALSE( i == at( "d" ).begin() );
     const Pathname::Iterator before = i++;
-    EXPECT_TRUE( before == i );
     Names seen{ *before, *i };
-    EXPECT_EQ( before->size(), ( *before ).size() );
     Pathname::Iterator other = at( "d/sub" ).begin();
     other = i;
-    other = *&other;
-    EXPECT_EQ( *other, *i );
     seen.insert( *++other );
     EXPECT_EQ( seen.size(), 3u );
     ++i; // the end, for the one that took the last step; the other still holds the directory
     EXPECT_TRUE( i == Pathname::Iterator() );
     EXPECT_THROW( *i, LogicException );
-    EXPECT_THROW( i->size(), LogicException );
-    EXPECT_THROW( ++i, LogicException );
     EXPECT_THROW( i++, LogicException );
-    other++;
-    EXPECT_TRUE( other == i );
 }
 
 TEST_F( PathnameOnFolder, CreateDirectoryMakesMissingParents )
 {
     EXPECT_TRUE( at( "a/b/c" ).createDirectory() );
-    EXPECT_TRUE( at( "a/b/c" ).createDirectory() );
-    EXPECT_TRUE( at( "a/b/c" ).isDirectory() );
     makeFile( "file" );
-    EXPECT_FALSE( at( "file" ).createDirectory() );
     EXPECT_FALSE( at( "file/x/y" ).createDirectory() );
     String deep = path( "deep" );
     while ( deep.size() < 3000000 ) // parents without end: neither made nor recursed through
         deep += "/d";
     EXPECT_FALSE( Pathname( deep ).createDirectory() );
-    EXPECT_FALSE( at( "deep" ).exists() );
 
     std::atomic< bool > isOn = true;
     std::thread rival( [&] {
@@ -188,14 +148,11 @@ TEST_F( PathnameOnFolder, RemoveTakesTheTreeAndNothingThatLinksLeadTo )
     makeLink( "nowhere", "tree/dangling" );
     makeLink( path( "tree" ), "toTree" );
     EXPECT_TRUE( at( "toTree" ).remove() );
-    EXPECT_TRUE( at( "tree/a" ).isDirectory() );
     EXPECT_TRUE( at( "tree" ).remove() );
     EXPECT_EQ( namesIn( Pathname( String( myFolder.path() ) ) ), ( Names{ "kept" } ) );
     EXPECT_EQ( namesIn( at( "kept" ) ), ( Names{ "sub", "file" } ) );
     EXPECT_TRUE( at( "kept/file/below" ).remove() ); // nothing can be there
-    EXPECT_TRUE( at( "kept/file" ).remove() );
-    for ( const char* namePtr : { "kept/file", "missing/x" } )
-        EXPECT_TRUE( at( namePtr ).remove() ) << namePtr;
+    EXPECT_TRUE( at( "kept/missing" ).remove() );
     EXPECT_FALSE( Pathname( String( "/" ) ).remove() );
 }
 
@@ -209,21 +166,6 @@ TEST_F( PathnameOnFolder, RemoveIsNotLedElsewhereByALinkThatComesMeanwhile )
     };
     EXPECT_FALSE( at( "tree" ).remove() );
     EXPECT_TRUE( at( "kept/file" ).isFile() );
-}
-
-TEST_F( PathnameOnFolder, RemoveRefusesATreeOfExcessiveDepth )
-{
-    ASSERT_EQ( ::chdir( myFolder.path().c_str() ), 0 );
-    for ( int i = 0; i < 1010; ++i )
-        ASSERT_TRUE( ::mkdir( "d", 0755 ) == 0 && ::chdir( "d" ) == 0 );
-    ASSERT_EQ( ::chdir( "/" ), 0 );
-    EXPECT_FALSE( at( "d" ).remove() );
-    EXPECT_TRUE( errno == ELOOP || errno == EMFILE ) << errno;
-    Pathname deeper = at( "d" );
-    for ( int i = 0; i < 200; ++i )
-        deeper = Pathname( deeper, "d" );
-    EXPECT_TRUE( deeper.remove() );
-    EXPECT_TRUE( at( "d" ).remove() );
 }
 
 TEST_F( PathnameOnFolder, FailedRemovalStopsAndLeaksNothing )
@@ -244,9 +186,6 @@ TEST_F( PathnameOnFolder, FailedRemovalStopsAndLeaksNothing )
             break;
         ASSERT_LT( n, 100 );
     }
-    makeFile( "x" );
-    ourRemovalFault.arm( 1, EINTR );
-    EXPECT_TRUE( at( "x" ).remove() );
 }
 
 TEST_F( PathnameOnFolder, LevelsAreThoseOfTheModeOrAllThree )
@@ -261,11 +200,7 @@ TEST_F( PathnameOnFolder, LevelsAreThoseOfTheModeOrAllThree )
         EXPECT_TRUE( pathname.setExecutable( Pathname::other ) );
         EXPECT_EQ( modeOf( pathname ), 0245u );
         EXPECT_THROW( pathname.setReadable( 8 ), LogicException );
-        EXPECT_THROW( pathname.setWriteable( 0 ), LogicException );
-        EXPECT_THROW( pathname.setExecutable( 0 ), LogicException );
         EXPECT_EQ( pathname.readableLevel(), 7u ); // readable by this process
-        EXPECT_EQ( at( "missing" ).readableLevel(), 0u );
-        EXPECT_FALSE( at( "missing" ).setReadable( 1 ) );
         if ( ::setegid( 65534 ) != 0 || ::seteuid( 65534 ) != 0 )
             return;                                 // in a user namespace there is nobody else
         EXPECT_EQ( pathname.readableLevel(), 7u );  // as one of the others
@@ -313,13 +248,10 @@ TEST_F( SpecialPathnames, DefaultRootIsInTheHomeDirectoryWithItsSubdirectories )
         for ( const char* namePtr : { "bin", "log", "var", "tmp", "tmp/ipc" } )
             EXPECT_EQ( modeOf( Pathname( root, namePtr ) ), 0775u ) << namePtr;
         EXPECT_EQ( modeOf( Pathname( root, "etc" ) ), 0700u ); // was there, and stays as it was
-        EXPECT_EQ( modeOf( root ), 0700u );
         EXPECT_EQ( Pathname( Pathname::systemEtcDirectory ).str(), "/etc" );
-        EXPECT_EQ( Pathname( Pathname::userHomeDirectory ).str(), myFolder.path() );
         EXPECT_EQ( Pathname( Pathname::ipcDirectory ), at( "ixoRoot/tmp/ipc" ) );
         EXPECT_EQ( Pathname( Pathname::rootDirectory, "etc/log.conf" ),
                    at( "ixoRoot/etc/log.conf" ) );
-        EXPECT_EQ( Pathname( Pathname::ipcDirectory, "../x" ), at( "ixoRoot/tmp/x" ) );
     } );
 }
 
@@ -332,21 +264,8 @@ TEST_F( SpecialPathnames, HomesConfigurationOverridesThatOfTheSystem )
         EXPECT_TRUE( at( "homeRoot/x/tmp/ipc" ).isDirectory() );
         EXPECT_FALSE( at( "etcRoot" ).exists() );
     } );
-    runWith( etc.c_str(), "other = 1", [this] {
-        EXPECT_EQ( Pathname( Pathname::rootDirectory ), at( "etcRoot" ) );
-        EXPECT_FALSE( at( "ixoRoot" ).exists() );
-    } );
-}
-
-TEST_F( SpecialPathnames, UnusableRootFailsWhereItIsUsed )
-{
-    runWith( nullptr, "ixoRootPathname = /../x", [] {
-        EXPECT_FALSE( Pathname( Pathname::rootDirectory ).isValid() );
+    runWith( etc.c_str(), "ixoRootPathname = /../x", [] { // has no normal form
         EXPECT_FALSE( Pathname( Pathname::ipcDirectory, "sem_x" ).isValid() );
-    } );
-    runWith( nullptr, "ixoRootPathname = /dev/null/x", [] {
-        EXPECT_EQ( Pathname( Pathname::ipcDirectory ).str(), "/dev/null/x/tmp/ipc" );
-        EXPECT_FALSE( Pathname( Pathname::rootDirectory ).exists() );
     } );
 }
 
@@ -366,9 +285,6 @@ TEST_F( SpecialPathnames, ExecutableIsInvalidUntilSetAndMayBeReadMeanwhile )
         isOn = false;
         reader.join();
         EXPECT_EQ( Pathname( Pathname::executablePathname ).str(), "/bin/b" );
-        EXPECT_THROW( Pathname::setPathnameOfExecutable( nullptr ), LogicException );
-        Pathname::setPathnameOfExecutable( "" );
-        EXPECT_FALSE( Pathname( Pathname::executablePathname ).isValid() );
     } );
 }
 

@@ -5,13 +5,12 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 namespace Nuv::Utils {
 namespace {
@@ -27,29 +26,10 @@ TEST( StaticMapFind, ReturnsTheEndForWhatIsMissing )
         EXPECT_EQ( ourMap.end(), ourMap.find( keyPtr ) );
         EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( keyPtr ) ) );
     }
-    for ( const auto& pair : ourMap ) {
-        EXPECT_EQ( &pair, ourMap.find( std::string( pair.key ).c_str() ) );
-        EXPECT_EQ( &pair, ourMap.find( std::string( pair.key ) ) );
-    }
+    EXPECT_EQ( 44, ourMap.find( std::string( "dd" ) )->value );
+    constexpr StaticMap< int, int >::Pair twice[] = { { 1, 1 }, { 1, 2 } };
+    EXPECT_FALSE( ( StaticMap< int, int >( twice ).isSorted() ) );
     EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( "b\0", 2 ) ) );
-    const StaticMap< const char*, int > empty( ourPairs, ourPairs );
-    EXPECT_EQ( empty.end(), empty.find( "b" ) );
-}
-
-TEST( StaticMapFind, OrdersEnumerationsByValueAndSeesDisorder )
-{
-    enum Color
-    {
-        red = 1,
-        green = 2,
-        blue = 3
-    };
-    using Map = StaticMap< Color, const char* >;
-    constexpr Map::Pair pairs[] = { { red, "red" }, { blue, "blue" } };
-    EXPECT_STREQ( "blue", Map( pairs ).find( blue )->value );
-    EXPECT_EQ( pairs + 2, Map( pairs ).find( green ) );
-    constexpr Map::Pair twice[] = { { red, "red" }, { red, "again" } };
-    EXPECT_FALSE( Map( twice ).isSorted() );
 }
 
 // Counts its living instances.
@@ -78,17 +58,11 @@ TEST( CountedPtrOwnership, LastOwnerDeletesTheObjectOnce )
         CountedPtr< const Counted > third;
         third = second;
         EXPECT_EQ( 3, first.nbrOfOwners() );
-        EXPECT_EQ( second.get(), third.get() );
     }
     EXPECT_EQ( 1, first.nbrOfOwners() );
     first.dispose();
     EXPECT_EQ( 0, nbrAlive );
-    EXPECT_FALSE( first );
-    first.dispose();
-    EXPECT_EQ( 0, first.nbrOfOwners() );
     EXPECT_THROW( *first, LogicException );
-    EXPECT_THROW( first->myValue = 1, LogicException );
-    EXPECT_EQ( 0, CountedPtr< int >( static_cast< int* >( nullptr ) ).nbrOfOwners() );
 }
 
 TEST( CountedPtrOwnership, AssignmentReleasesAndSharesInAnyOrder )
@@ -101,10 +75,6 @@ TEST( CountedPtrOwnership, AssignmentReleasesAndSharesInAnyOrder )
     EXPECT_EQ( nextPtr, listPtr.get() );
     EXPECT_EQ( 2, nbrAlive );
     listPtr = listPtr.get(); // the object held
-    EXPECT_EQ( 1, listPtr.nbrOfOwners() );
-    const CountedPtr< Counted >& self = listPtr;
-    listPtr = self;
-    EXPECT_EQ( 1, listPtr.nbrOfOwners() );
     listPtr = otherPtr;
     EXPECT_EQ( 2, otherPtr.nbrOfOwners() );
     listPtr = new Counted( &nbrAlive );
@@ -112,30 +82,6 @@ TEST( CountedPtrOwnership, AssignmentReleasesAndSharesInAnyOrder )
     listPtr = std::move( otherPtr );
     EXPECT_EQ( 1, nbrAlive );
     EXPECT_EQ( 1, listPtr.nbrOfOwners() );
-}
-
-TEST( CountedPtrThreads, CopiesMayBeDroppedOnSeveralThreads )
-{
-    std::atomic< int > nbrAlive{ 0 };
-    for ( int round = 0; round < 200; ++round ) {
-        CountedPtr< Counted > ptr( new Counted( &nbrAlive ) );
-        std::vector< std::thread > threads;
-        for ( int i = 0; i < 3; ++i ) {
-            threads.emplace_back( [copy = ptr, i]() mutable {
-                for ( int n = 0; n < 50; ++n ) {
-                    CountedPtr< Counted > another( copy );
-                }
-                if ( i == 0 )
-                    copy->myValue = 1; // happens before the deletion, wherever that runs
-                copy.dispose();
-            } );
-        }
-        ptr.dispose();
-        for ( std::thread& thread : threads ) {
-            thread.join();
-        }
-        ASSERT_EQ( 0, nbrAlive );
-    }
 }
 
 TEST( PtrOwnership, StoringDeletesWhatWasHeld )
@@ -149,7 +95,6 @@ TEST( PtrOwnership, StoringDeletesWhatWasHeld )
     Ptr< Counted > other( std::move( ptr ) );
     EXPECT_FALSE( ptr ); // NOLINT: moved-from is defined as null
     EXPECT_THROW( *ptr, LogicException );
-    EXPECT_THROW( ptr->myValue = 1, LogicException );
     delete other.release();
     other.reset();
     EXPECT_EQ( 0, nbrAlive );
@@ -167,14 +112,11 @@ TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
     {
         Handle reader( fds[0] );
         Handle writer( fds[1] );
-        EXPECT_TRUE( reader.isValid() );
         EXPECT_EQ( 1, ::write( writer, "x", 1 ) );
         reader.reset( fds[0] ); // the same: stays open
         EXPECT_TRUE( isOpen( fds[0] ) );
         reader = std::move( writer );
         EXPECT_FALSE( isOpen( fds[0] ) );
-        EXPECT_FALSE( writer.isValid() ); // NOLINT: moved-from is defined as invalid
-        EXPECT_EQ( fds[1], reader.fd() );
         EXPECT_EQ( fds[1], reader.release() );
     }
     EXPECT_TRUE( isOpen( fds[1] ) );
@@ -184,11 +126,6 @@ TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
     }
     EXPECT_EQ( ENOSPC, errno );
     EXPECT_FALSE( isOpen( fds[1] ) );
-    Handle closedByOthers( fds[1] );
-    errno = ENOSPC;
-    closedByOthers.reset();
-    EXPECT_EQ( ENOSPC, errno );
-    EXPECT_FALSE( Handle().isValid() );
 }
 
 TEST( RetryOnEintr, RepeatsInterruptedCallsAlone )
@@ -207,16 +144,9 @@ TEST( RetryOnEintr, RepeatsInterruptedCallsAlone )
     EXPECT_EQ( EBADF, errno );
 }
 
-template < class Text >
-class TokenScannerTest : public ::testing::Test
+TEST( TokenScannerFields, StandBetweenRunsOfDelimiters )
 {
-};
-using ScannedTexts = ::testing::Types< std::string, String, Buffer >;
-TYPED_TEST_SUITE( TokenScannerTest, ScannedTexts );
-
-TYPED_TEST( TokenScannerTest, ReturnsFieldsBetweenRunsOfDelimiters )
-{
-    TokenScanner< TypeParam > scanner( TypeParam( ",a;;bc=d" ) );
+    TokenScanner< Buffer > scanner( Buffer( ",a;;bc=d" ) );
     std::string token;
     EXPECT_TRUE( scanner.next( &token, ",;" ) );
     EXPECT_EQ( "a", token );
@@ -225,11 +155,9 @@ TYPED_TEST( TokenScannerTest, ReturnsFieldsBetweenRunsOfDelimiters )
     EXPECT_EQ( "d", token );
     EXPECT_FALSE( scanner.next( &token, "=" ) );
     EXPECT_EQ( "", token );
-    EXPECT_FALSE( scanner.next( nullptr, "" ) );
     EXPECT_THROW( scanner.next( &token, nullptr ), LogicException );
-    TokenScanner< TypeParam > blank( TypeParam( ";;" ) );
+    TokenScanner< String > blank( String( ";;" ) );
     EXPECT_FALSE( blank.next( &token, ";" ) );
-    EXPECT_FALSE( blank.next( &token, "" ) ); // the end was reached
 }
 
 struct Station : Subject< Station >
@@ -247,43 +175,24 @@ struct Listener : Observer< Station >
     void update( Station& station ) override
     {
         mySum += station.myNews;
-        if ( myMisuse )
-            myMisuse( station );
+        EXPECT_THROW( station.attach( this ), LogicException );
+        EXPECT_THROW( station.detach( this ), LogicException );
     }
     int mySum = 0;
-    std::function< void( Station& ) > myMisuse;
 };
 
 TEST( SubjectObservers, AreToldWhileAttached )
 {
     Station station;
     Listener first, second;
-    station.send( 1 );
-    EXPECT_FALSE( station.hasObservers() );
     station.attach( &first );
     station.attach( &first );
     station.attach( &second );
     station.send( 2 );
     station.detach( &second );
-    station.detach( &second );
     station.send( 4 );
     EXPECT_EQ( 6, first.mySum );
     EXPECT_EQ( 2, second.mySum );
-    EXPECT_TRUE( station.hasObservers() );
-    EXPECT_THROW( station.attach( nullptr ), LogicException );
-}
-
-TEST( SubjectObservers, MayNotChangeTheSetFromWithinAnUpdate )
-{
-    Station station;
-    Listener listener;
-    station.attach( &listener );
-    listener.myMisuse = [&]( Station& subject ) { subject.attach( &listener ); };
-    EXPECT_THROW( station.send( 1 ), LogicException );
-    listener.myMisuse = [&]( Station& subject ) { subject.detach( &listener ); };
-    EXPECT_THROW( station.send( 1 ), LogicException );
-    station.detach( &listener ); // possible again after the round was cut short
-    EXPECT_FALSE( station.hasObservers() );
 }
 
 TEST( SubjectThreads, NoUpdateRunsAfterDetach )
@@ -324,79 +233,54 @@ TEST( CallbackFunctorCall, ReachesWhatItIsBoundTo )
 
 TEST( NumberParser, ReadsUnsignedAsTabled )
 {
-    const struct
-    {
-        const char* textPtr;
-        int base;
-        std::uint64_t value;
-        std::ptrdiff_t length; // of what is consumed
-        bool overflow;
-    } rows[] = {
-        { "0", 10, 0, 1, false },
+    // Text, base; then value, nbr of bytes consumed, overflow.
+    const std::tuple< const char*, int, std::uint64_t, std::ptrdiff_t, bool > rows[] = {
         { "  -1", 10, UINT64_MAX, 4, false },
         { "\v\f+12x", 10, 12, 5, false },
         { "18446744073709551615", 10, UINT64_MAX, 20, false },
         { "18446744073709551616", 10, 0, 19, true },
-        { "99999999999999999999", 10, 7766279631452241919u, 19, true },
         { "0x1f", 0, 31, 4, false },
-        { "0X1Fg", 0, 31, 4, false },
         { "0x", 0, 0, 2, false },
         { "017", 0, 15, 3, false },
-        { "08", 0, 0, 1, false },
         { "0b1", 0, 0, 1, false },
         { "-0x10", 0, UINT64_MAX - 15, 5, false },
         { "0x1f", 16, 0, 1, false }, // an explicit base knows no prefix
         { "z", 36, 35, 1, false },
-        { "1Z ", 36, 71, 2, false },
-        { "2", 2, 0, 0, false },
-        { "10000000000000000", 16, 0, 16, true },
-        { "10000000000000000000000000000000000000000000000000000000000000000", 2, 0, 64, true },
         // the 65th digit leaves the value as it was
         { "11111111111111111111111111111111111111111111111111111111111111111", 2, UINT64_MAX, 64,
           true },
         { "", 10, 0, 0, false },
-        { " +", 10, 0, 2, false },
         { " -000x", 10, 0, 5, false },
         { " 12", 1, 0, 0, false },
         { " 12", 37, 0, 0, false },
-        { " 12", -1, 0, 0, false },
     };
-    for ( const auto& row : rows ) {
-        SCOPED_TRACE( row.textPtr );
+    for ( const auto& [textPtr, base, value, length, isOverflow] : rows ) {
+        SCOPED_TRACE( textPtr );
         char* endPtr = nullptr;
-        bool overflow = !row.overflow;
-        EXPECT_EQ( row.value, strtou64( row.textPtr, &endPtr, row.base, &overflow ) );
-        EXPECT_EQ( row.length, endPtr - row.textPtr );
-        EXPECT_EQ( row.overflow, overflow );
-        EXPECT_EQ( row.value, strtou64( row.textPtr, nullptr, row.base, nullptr ) );
+        bool overflow = !isOverflow;
+        EXPECT_EQ( value, strtou64( textPtr, &endPtr, base, &overflow ) );
+        EXPECT_EQ( length, endPtr - textPtr );
+        EXPECT_EQ( isOverflow, overflow );
     }
     EXPECT_THROW( strtou64( nullptr, nullptr, 10, nullptr ), LogicException );
 }
 
 TEST( NumberParser, SignedOverflowsWhereTheSignIsLost )
 {
-    const struct
-    {
-        const char* textPtr;
-        std::int64_t value;
-        bool overflow;
-    } rows[] = {
+    const std::tuple< const char*, std::int64_t, bool > rows[] = {
         { "9223372036854775807", INT64_MAX, false },
         { "9223372036854775808", INT64_MIN, true },
         { "-9223372036854775808", INT64_MIN, false },
         { " -9223372036854775809", INT64_MAX, true },
         { "-0", 0, false },
         { "18446744073709551615", -1, true },
-        { "18446744073709551616", 0, true },
-        { " +5", 5, false },
     };
-    for ( const auto& row : rows ) {
-        SCOPED_TRACE( row.textPtr );
-        char* endPtr = nullptr;
-        bool overflow = !row.overflow;
-        EXPECT_EQ( row.value, strtoi64( row.textPtr, &endPtr, 10, &overflow ) );
-        EXPECT_EQ( row.overflow, overflow );
-        EXPECT_EQ( row.value, strtoi64( row.textPtr, nullptr, 10, nullptr ) );
+    for ( const auto& [textPtr, value, isOverflow] : rows ) {
+        SCOPED_TRACE( textPtr );
+        bool overflow = !isOverflow;
+        EXPECT_EQ( value, strtoi64( textPtr, nullptr, 10, &overflow ) );
+        EXPECT_EQ( isOverflow, overflow );
+        EXPECT_EQ( value, strtoi64( textPtr, nullptr, 10, nullptr ) );
     }
 }
 
