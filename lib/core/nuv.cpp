@@ -31,7 +31,10 @@ const char* RuntimeException::what() const
     return myText.c_str();
 }
 
-void RuntimeException::getReasonStr() const { myText = "<unknown reason>"; }
+void RuntimeException::getReasonStr() const
+{
+    myText = "<unknown reason>";
+}
 
 FixedTextException::FixedTextException( const char* textPtr )
 {
@@ -107,8 +110,9 @@ void doCheckResource( const char* filePtr, unsigned int line, const char* condit
 {
     const int errorNbr = errno;
     char errorText[256];
-    const std::string text = buildMessage( "nuvCheckResource", filePtr, line, conditionPtr,
-                                           ::strerror_r( errorNbr, errorText, sizeof( errorText ) ) );
+    const std::string text =
+        buildMessage( "nuvCheckResource", filePtr, line, conditionPtr,
+                      ::strerror_r( errorNbr, errorText, sizeof( errorText ) ) );
     report( text );
     throw ResourceException( text.c_str() );
 }

@@ -99,8 +99,14 @@ namespace AssertHelpers {
 /// the process already logs, else does nothing. Throws nothing.
 void emitFatalLine( const char* textPtr, std::size_t length ) noexcept;
 
-constexpr const char* message() { return nullptr; }
-constexpr const char* message( const char* textPtr ) { return textPtr; }
+constexpr const char* message()
+{
+    return nullptr;
+}
+constexpr const char* message( const char* textPtr )
+{
+    return textPtr;
+}
 
 } // namespace AssertHelpers
 } // namespace Nuv
@@ -115,9 +121,10 @@ extern "C" [[noreturn]] NUV_API void nuvAbort();
 
 /// The same with the condition's text given, where it cannot be had by writing the condition so.
 #define nuvAssertText( condition, text, ... )                                                      \
-    ( ( condition ) ? static_cast< void >( 0 )                                                     \
-                    : ::Nuv::AssertHelpers::doNuvAssert(                                           \
-                          __FILE__, __LINE__, text, ::Nuv::AssertHelpers::message( __VA_ARGS__ ) ) )
+    ( ( condition )                                                                                \
+          ? static_cast< void >( 0 )                                                               \
+          : ::Nuv::AssertHelpers::doNuvAssert( __FILE__, __LINE__, text,                           \
+                                               ::Nuv::AssertHelpers::message( __VA_ARGS__ ) ) )
 
 /// Check of a position in a container: LogicException unless it holds.
 #define nuvIf( condition )                                                                         \

@@ -76,7 +76,11 @@ private:
 class NUV_API NUV_SCOPED_CAPABILITY MutexLock
 {
 public:
-    enum LockState { stateLocked = 0, stateUnlocked = 1 };
+    enum LockState
+    {
+        stateLocked = 0,
+        stateUnlocked = 1
+    };
 
     /// @param mutex borrowed for the guard's life
     explicit MutexLock( Mutex& mutex ) NUV_ACQUIRE( mutex )

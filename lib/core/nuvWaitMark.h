@@ -5,7 +5,8 @@
 namespace Nuv::Mt {
 
 /// What a thread is blocked on, as its record in shared memory shows it.
-enum class WaitKind : std::uint32_t {
+enum class WaitKind : std::uint32_t
+{
     none = 0,
     masterSemaphore = 1,
     semaphore = 2, ///< the wait object is the set's identifier
