@@ -8,33 +8,14 @@
 #include <new>
 #include <pthread.h>
 #include <string_view>
-#include <syslog.h>
 
 namespace Nuv::Log {
 
 namespace {
 
-using FacilityMap = Utils::StaticMap< const char*, int >;
-constexpr FacilityMap::Pair ourFacilityPairs[] = {
-    { "local0", LOG_LOCAL0 }, { "local1", LOG_LOCAL1 }, { "local2", LOG_LOCAL2 },
-    { "local3", LOG_LOCAL3 }, { "local4", LOG_LOCAL4 }, { "local5", LOG_LOCAL5 },
-    { "local6", LOG_LOCAL6 }, { "local7", LOG_LOCAL7 }, { "user", LOG_USER },
-};
-constexpr FacilityMap ourFacilityMap( ourFacilityPairs );
-static_assert( ourFacilityMap.isSorted() );
-static_assert( LOG_LOCAL6 == 176 && LOG_USER == 8 );
-
 constexpr const char* ourSegmentName = "LogConfigManager";
 constexpr const char* ourSyslogZoneName = "Syslog";
 constexpr const char* ourSyslogDrainName = "syslog";
-constexpr const char* ourDefaultDrainName = "main";
-constexpr unsigned int ourDefaultSizeInK = 240;
-
-/// In 32 bits.
-std::uint64_t sizeOfK( unsigned int nbrOfKiB )
-{
-    return nbrOfKiB * std::uint32_t{ 1024 };
-}
 
 /// What an HTTP drain says in its request instead of in the line.
 constexpr std::uint32_t ourFlagsOfHttpRequest =
@@ -215,7 +196,6 @@ ConfigManager* ConfigManager::singletonPtr()
 
 ConfigManager::ConfigManager()
     : mySemaphore( ourSegmentName, 1 )
-    , myFacility( LOG_LOCAL6 )
 {
     Drain::registerForkHandlers();
     static const int atforkResult =
@@ -227,53 +207,32 @@ ConfigManager::ConfigManager()
     mySharedMemoryPtr = std::make_unique< Io::SharedMemory >( ourSegmentName, sizeof( Data ),
                                                               Io::SharedMemory::readWrite );
     myDataPtr = reinterpret_cast< Data* >( mySharedMemoryPtr->memoryPtr() );
-    const Io::Pathname confPathname( Io::Pathname::rootDirectory, "etc/log.conf" );
-    myConfig.loadFrom( confPathname.str() );
-    Drain::ourTimeMode.store( myConfig.stringValue( "", "timemode", "local" ) == "utc"
-                                  ? Drain::universalTime
-                                  : Drain::localTime,
-                              std::memory_order_relaxed );
-    const bool isEnabled = myConfig.stringValue( "logApp", "enabled", "false" ) == "true";
-    const DrainName logAppName(
-        myConfig.stringValue( "logApp", "zoneAndDrainName", "logApp" ).c_str() );
+    mySettings.load( Io::Pathname( Io::Pathname::rootDirectory, "etc/log.conf" ).str() );
+    Drain::ourTimeMode.store( mySettings.timeMode(), std::memory_order_relaxed );
+    myFacility = mySettings.facility();
     if ( mySharedMemoryPtr->isCreated() )
-        initialiseSegment( isEnabled ? &logAppName : nullptr );
+        initialiseSegment();
     semaphoreLock.unlock();
-    if ( isEnabled )
-        openLogApp( logAppName );
-    const auto facility =
-        ourFacilityMap.find( myConfig.stringValue( "syslog", "facility", "" ).c_str() );
-    if ( facility != ourFacilityMap.end() )
-        myFacility = facility->value;
+    if ( mySettings.isLogAppEnabled() )
+        openLogApp();
 }
 
 /// The segment is new, that is zero-filled.
-/// @param logAppNamePtr name of the log application's own zone, null if that is not enabled
-void ConfigManager::initialiseSegment( const ZoneName* logAppNamePtr )
+void ConfigManager::initialiseSegment()
 {
     myDataPtr->myOverrideSeverity = none;
-    if ( logAppNamePtr == nullptr )
+    if ( !mySettings.isLogAppEnabled() )
         return;
-    myDataPtr->myZones[0] = Zone{ none, 0, *logAppNamePtr, *logAppNamePtr };
+    const ZoneName name = mySettings.logAppName();
+    myDataPtr->myZones[0] = Zone{ none, 0, name, name };
     __atomic_store_n( &myDataPtr->myNbrOfZones, 1, __ATOMIC_RELEASE );
-    myZoneMap[*logAppNamePtr] = &myDataPtr->myZones[0];
+    myZoneMap[name] = &myDataPtr->myZones[0];
 }
 
-void ConfigManager::openLogApp( const DrainName& name )
+void ConfigManager::openLogApp()
 {
-    Drain::Options options;
-    options.type = Drain::Options::file;
-    options.fileName = myConfig.stringValue( "logApp", "fileName", "main.log" );
-    options.maxSize =
-        sizeOfK( myConfig.uIntValue( "logApp", "fileMaxSizeInK", ourDefaultSizeInK ) );
-    myLogAppDrainPtr = makeOwnDrain( name, options );
-
-    options.type = Drain::Options::fifo;
-    options.fileName = myConfig.stringValue( "logApp", "fifoName", "logAppFifo" );
-    options.maxSize = sizeOfK( myConfig.uIntValue( "logApp", "fifoSizeInK", ourDefaultSizeInK ) );
-    if ( options.maxSize < Io::InterprocessFifo::minSize ||
-         options.maxSize > Io::InterprocessFifo::maxSize )
-        options.maxSize = sizeOfK( ourDefaultSizeInK );
+    myLogAppDrainPtr = makeOwnDrain( mySettings.logAppName(), mySettings.logAppOptions() );
+    const Drain::Options options = mySettings.fifoOptions();
     myFifoDrainName = options.fileName.c_str();
     myInterprocessDrainPtr = makeOwnDrain( myFifoDrainName, options );
     myIsLogAppEnabled = true;
@@ -333,36 +292,6 @@ Severity sound( std::int32_t severity )
     return static_cast< Severity >( std::clamp< std::int32_t >( severity, debug, none ) );
 }
 
-std::string lowerCase( const std::string& text )
-{
-    Utils::String lower( text );
-    lower.makeLower();
-    return lower;
-}
-
-/// The section below parent whose path, from there, agrees with the name in what a name keeps.
-const Utils::Config::Node* findNamed( const Utils::Config::Node& parent, const std::string& prefix,
-                                      const ZoneName& name )
-{
-    for ( const auto& [childName, childPtr] : parent.children() ) {
-        const std::string path = prefix + childName;
-        if ( ZoneName( path.c_str() ) == name )
-            return childPtr;
-        if ( name.view().starts_with( path + '/' ) ) {
-            if ( const auto* const foundPtr = findNamed( *childPtr, path + '/', name ) )
-                return foundPtr;
-        }
-    }
-    return nullptr;
-}
-
-const Utils::Config::Node* findNamed( const Utils::Config& config, const char* kindPtr,
-                                      const ZoneName& name )
-{
-    const Utils::Config::Node* const parentPtr = config.findKey( kindPtr );
-    return parentPtr == nullptr ? nullptr : findNamed( *parentPtr, "", name );
-}
-
 } // namespace
 
 Zone* ConfigManager::openZone( const char* namePtr )
@@ -394,8 +323,7 @@ Zone* ConfigManager::findOrCreateZone( const ZoneName& name )
 /// The settings of a zone that is created now.
 Zone ConfigManager::newZone( const ZoneName& name ) const
 {
-    Zone zone{ warning, defaultZoneFlags, name, ourDefaultDrainName };
-    readZoneSection( name, &zone );
+    Zone zone = mySettings.zone( name );
     if ( myDataPtr->mySeverityOverrideSet != 0 )
         zone.mySeverity = sound( myDataPtr->myOverrideSeverity );
     if ( myDataPtr->myFlagsOverrideSet != 0 )
@@ -405,20 +333,6 @@ Zone ConfigManager::newZone( const ZoneName& name ) const
     if ( const Preset* const presetPtr = findPreset( name ) )
         zone.mySeverity = sound( presetPtr->mySeverity );
     return zone;
-}
-
-void ConfigManager::readZoneSection( const ZoneName& name, Zone* zonePtr ) const
-{
-    const Utils::Config::Node* const sectionPtr = findNamed( myConfig, "zone", name );
-    if ( sectionPtr == nullptr )
-        return;
-    Severity severity = warning;
-    severityFromKeyword( lowerCase( sectionPtr->stringValue( "severity", "" ) ).c_str(),
-                         &severity );
-    zonePtr->mySeverity = severity;
-    if ( sectionPtr->findValue( "flags" ) != nullptr )
-        zonePtr->myFlags = zoneFlagsFromText( sectionPtr->stringValue( "flags", "" ) );
-    zonePtr->myDrainName = sectionPtr->stringValue( "drain", ourDefaultDrainName ).c_str();
 }
 
 bool ConfigManager::getZonePtr( const ZoneName& name, Zone** outPtr )
@@ -556,22 +470,7 @@ void ConfigManager::closeDrain( Drain* drainPtr )
 
 void ConfigManager::getDrainOptions( const DrainName& name, Drain::Options* optionsPtr ) const
 {
-    const Utils::Config::Node* const sectionPtr = findNamed( myConfig, "drain", name );
-    if ( sectionPtr == nullptr )
-        return;
-    Drain::typeFromKeyword( lowerCase( sectionPtr->stringValue( "type", "" ) ).c_str(),
-                            &optionsPtr->type );
-    if ( optionsPtr->type == Drain::Options::file ) {
-        optionsPtr->fileName =
-            sectionPtr->stringValue( "fileName", std::string( name.view() ) + ".log" );
-        optionsPtr->maxSize =
-            sizeOfK( sectionPtr->uIntValue( "fileMaxSizeInK", ourDefaultSizeInK ) );
-    } else if ( optionsPtr->type == Drain::Options::http ) {
-        const unsigned int port = sectionPtr->uIntValue( "remotePort", optionsPtr->remotePort );
-        if ( port <= 0xFFFF )
-            optionsPtr->remotePort = static_cast< std::uint16_t >( port );
-        optionsPtr->remoteAddr = sectionPtr->stringValue( "remoteAddr", optionsPtr->remoteAddr );
-    }
+    mySettings.drainOptions( name, optionsPtr );
 }
 
 unsigned int ConfigManager::fifoOverrunCount( LogAppHelper::ClearMode mode )

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "nuvConfig.h"
 #include "nuvLogDrain.h"
+#include "nuvLogSettings.h"
 #include "nuvMutex.h"
 #include "nuvSemaphore.h"
 #include "nuvSharedMemory.h"
@@ -41,32 +41,8 @@ public:
     static Io::InterprocessFifo* interprocessFifoPtr();
 };
 
-/// Zones and drains of the process, by "etc/log.conf" under the installation root and the table of
-/// zones that all processes share.
-///
-///     timemode = local                        or utc
-///     [logApp]
-///     enabled = false                         true: zones write into the log application's FIFO
-///     zoneAndDrainName = logApp               the log application's own zone and file drain
-///     fileName = main.log                     its file
-///     fileMaxSizeInK = 240
-///     fifoName = logAppFifo
-///     fifoSizeInK = 240
-///     [syslog]
-///     facility = local6                       local0 to local7, user
-///     [zone/myZone]
-///     severity = warning                      debug timing warning error fatal none
-///     flags = currenttime,elapsedtime,appname,threadid,zonename,severity
-///     drain = main
-///     [drain/myDrain]
-///     type = file                             null stderr stdout file syslog http
-///     fileName = myDrain.log                  of a file; without a section: main.log
-///     fileMaxSizeInK = 240                    0 never wraps
-///     remoteAddr = 127.1.128.1                of an HTTP drain
-///     remotePort = 80
-///
-/// What is missing has the value shown; an unknown keyword counts as missing. Names count with
-/// their first 15 characters; of two sections that agree in these the first by byte order is read.
+/// Zones and drains of the process, by "etc/log.conf" under the installation root (see Settings)
+/// and the table of zones that all processes share.
 ///
 /// A zone is decided by the first process that opens it: preset (see zoneSeverity()) before
 /// override before section before default. With the log application enabled its drain is the FIFO,
@@ -172,12 +148,11 @@ private:
     ConfigManager();
     ~ConfigManager();
 
-    void initialiseSegment( const ZoneName* logAppNamePtr );
-    void openLogApp( const DrainName& name );
+    void initialiseSegment();
+    void openLogApp();
     std::unique_ptr< Drain > makeOwnDrain( const DrainName& name, const Drain::Options& options );
     Zone* findOrCreateZone( const ZoneName& name );
     Zone newZone( const ZoneName& name ) const;
-    void readZoneSection( const ZoneName& name, Zone* zonePtr ) const;
     const Preset* findPreset( const ZoneName& name ) const;
     bool storePreset( const ZoneName& name, Severity severity );
     template < class Change >
@@ -196,13 +171,13 @@ private:
     std::unique_ptr< Io::SharedMemory > mySharedMemoryPtr;
     Data* myDataPtr = nullptr;
     bool myIsLogAppEnabled = false;
-    int myFacility;
+    int myFacility = 0;
     DrainName myFifoDrainName;
     std::map< ZoneName, Zone* > myZoneMap;
     std::list< Zone > myLocalZones; // for which the shared table has no room
     std::map< DrainName, Drain* > myDrainMap;
     std::set< Source* > mySources; // bound ones
-    Utils::Config myConfig;
+    Settings mySettings;
     std::unique_ptr< Drain > myLogAppDrainPtr;
     std::unique_ptr< Drain > myInterprocessDrainPtr;
 };
