@@ -56,6 +56,12 @@ int change( const std::string& what, uid_t owner, gid_t group )
     return ourChanges.size() < 14 ? 0 : -1;
 }
 
+int owned( int result, struct stat* statPtr )
+{
+    statPtr->st_uid = ourObjectOwner;
+    return result;
+}
+
 } // namespace
 
 NUV_WRAP( uid_t, getuid, (), process().real )
@@ -75,9 +81,10 @@ NUV_WRAP( int, getgrnam_r,
             size < ourNeededBytes ? ERANGE : 0 ) )
 NUV_WRAP( int, fchown, ( int, uid_t owner, gid_t group ), change( "fd", owner, group ) )
 NUV_WRAP( int, lchown, ( const char* p, uid_t owner, gid_t group ), change( p, owner, group ) )
-NUV_WRAP( int, NUV_TIME64( fstat ), ( int, struct stat* ptr ), ( ptr->st_uid = ourObjectOwner, 0 ) )
-NUV_WRAP( int, NUV_TIME64( lstat ), ( const char* p, struct stat* ptr ),
-          ( ptr->st_uid = ourObjectOwner, *p == 'x' ? 0 : -1 ) )
+NUV_WRAP_REAL( int, NUV_TIME64( fstat ), ( int fd, struct stat* ptr ),
+               owned( NUV_REAL( NUV_TIME64( fstat ) )( fd, ptr ), ptr ) )
+NUV_WRAP_REAL( int, NUV_TIME64( lstat ), ( const char* pathPtr, struct stat* ptr ),
+               owned( NUV_REAL( NUV_TIME64( lstat ) )( pathPtr, ptr ), ptr ) )
 
 namespace Nuv::Utils {
 namespace {
@@ -257,6 +264,7 @@ TEST( SecuritySettings, GroupIsTheApplicationsForItsMembersOnly )
 TEST( SecuritySettings, GroupIsGivenToOwnObjectsOnly )
 {
     NUV_AS( ordinary );
+    NuvTest::writeFile( "./x", "" );
     ourGroups = { 777 };
     const SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
     for ( const int owner : { 51, 1000 } ) {
