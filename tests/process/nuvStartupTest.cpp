@@ -19,13 +19,6 @@ std::set< std::string > namesIn( const std::string& directory )
     return names;
 }
 
-// The value, and what follows it, of a line "NAME:\tVALUE" of /proc/PID/status.
-std::string statusOf( pid_t pid, const std::string& name )
-{
-    const std::string text = readFile( "/proc/" + std::to_string( pid ) + "/status" );
-    return text.substr( text.find( name + ":\t" ) + name.size() + 2 );
-}
-
 int nbrOfSystemVObjects()
 {
     int count = 0;
@@ -56,11 +49,13 @@ TEST( LibraryStartup, ProgramThatNeverCallsPaysNothing )
     EXPECT_EQ( namesIn( directory + "/task" ).size(), isEmulated ? 2u : 1u );
     EXPECT_EQ( namesIn( RootFixture::root() ), before );
     EXPECT_EQ( nbrOfSystemVObjects(), nbrOfObjects );
+    const std::string status = readFile( directory + "/status" );
     std::uint64_t interrupts = 0; // blocked in the first thread; the others are not
     for ( const int sig : { SIGHUP, SIGINT, SIGUSR1, SIGUSR2, SIGQUIT, SIGCONT, SIGTTIN, SIGTTOU,
                             SIGTERM, SIGCHLD, SIGPIPE, SIGALRM, SIGIO, SIGURG, SIGPWR } )
         interrupts |= std::uint64_t{ 1 } << ( sig - 1 );
-    EXPECT_EQ( std::stoull( statusOf( probe.pid(), "SigBlk" ), nullptr, 16 ), interrupts );
+    EXPECT_EQ( std::stoull( status.substr( status.find( "SigBlk:\t" ) + 8 ), nullptr, 16 ),
+               interrupts );
     probe.closeInput();
     EXPECT_EQ( probe.wait().exitStatus(), 0 );
     EXPECT_EQ( namesIn( RootFixture::root() ), before );

