@@ -403,8 +403,8 @@ void NonNamedWaitEventImpl::signal()
         const PosixLock lock( &myMutex );
         mySignalled = true;
     }
-    // With the mutex free the waiter need not block on it again; the event's mutex, which the caller
-    // holds, keeps this object alive.
+    // With the mutex free the waiter need not block on it again; the event's mutex, which the
+    // caller holds, keeps this object alive.
     ::pthread_cond_signal( &myCondVar );
 }
 
