@@ -285,6 +285,8 @@ bool InterprocessFifo::InsideScope::isInside( int semaphoreHandle )
     return scopePtr != nullptr;
 }
 
+// The thread may be inside this very ring already: what it logs in there makes the log's own
+// object.
 InterprocessFifo::InterprocessFifo( const char* namePtr, unsigned int size )
     : mySemaphore( checkedName( namePtr, size ), 1 )
     , mySemaphoreLock( &mySemaphore, InsideScope::isInside( mySemaphore.handle() )
@@ -301,12 +303,14 @@ InterprocessFifo::InterprocessFifo( const char* namePtr, unsigned int size )
     if ( mySharedMemory.isCreated() )
         new ( myFifoPtr ) Fifo( true, size / wordSize * wordSize );
     myInsideScope.leave();
-    mySemaphoreLock.unlock();
+    if ( mySemaphoreLock.state() == Mt::SemaphoreLock::stateLocked )
+        mySemaphoreLock.unlock();
 }
 
 InterprocessFifo::~InterprocessFifo()
 {
-    mySemaphoreLock.lockOrLog();
+    if ( !InsideScope::isInside( mySemaphore.handle() ) )
+        mySemaphoreLock.lockOrLog();
     myInsideScope.enter( mySemaphore.handle() );
 }
 

@@ -220,6 +220,8 @@ public:
     bool lockOrLog() noexcept;
     bool unlock();
 
+    LockState state() const { return myState; }
+
 private:
     Semaphore* mySemaPtr;
     LockState myState;

@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <sched.h>
 #include <sstream>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -27,13 +26,15 @@ namespace {
 // Another process with objects of its own, see programs/ipcActor.cpp.
 class Actor : public NuvTest::ChildProcess
 {
+    static std::string root() { return NuvTest::RootFixture::root(); }
+
 public:
     explicit Actor( int width )
         : ChildProcess( NuvTest::program( "ipcActor", width ) )
     {
     }
-    explicit Actor()
-        : ChildProcess( NuvTest::program( "ipcActor" ) )
+    explicit Actor( const std::string& home = root() )
+        : ChildProcess( NuvTest::program( "ipcActor" ), { {}, { "HOME=" + home } } )
     {
     }
 
@@ -181,8 +182,8 @@ TEST_F( Interprocess, KilledAtAnyStepLeavesNothingThatRepairDoesNotPutRight )
         for ( unsigned int i = random() % 4; i > 0; --i ) {
             first.readLine();
         }
-        for ( unsigned int i = random() % 1000; i > 0; --i ) {
-            ::sched_yield(); // no time is waited for: any moment will do
+        for ( unsigned int i = random() % 3000; i > 0; --i ) {
+            ::getppid(); // no time is waited for: any moment will do
         }
         first.kill();
         second.kill();
@@ -199,6 +200,26 @@ TEST_F( Interprocess, KilledAtAnyStepLeavesNothingThatRepairDoesNotPutRight )
         EXPECT_FALSE( exists( "sem_IpFifo_churned" ) );
         EXPECT_FALSE( exists( "evt_IpFifo_churned" ) );
     }
+}
+
+// What goes wrong while a process is inside the ring is logged; if the log goes into that very
+// ring, the line must not wait for the process itself.
+TEST_F( Interprocess, FailureInsideTheRingOfTheLogBlocksNobody )
+{
+    const std::string home = root( "logApp" );
+    NuvTest::writeFile( home + "/ixoRoot/etc/log.conf",
+                        "[logApp]\nenabled = true\nfifoName = ring\nfifoSizeInK = 1\n" );
+    Actor actor( home );
+    EXPECT_EQ( actor.ask( "fifo ring 1024" ), "created" );
+    const std::string keyFile = home + "/ixoRoot/tmp/ipc/sem_evt_IpFifo_ring";
+    const int handle = ::semget( Io::FileSystem::ftok( keyFile.c_str(), 1 ), 2, 0 );
+    ASSERT_EQ( ::semctl( handle, 0, IPC_RMID ), 0 ); // its removal will fail
+    EXPECT_EQ( actor.ask( "drop" ), "dropped" );
+    const std::string ringKeyFile = home + "/ixoRoot/tmp/ipc/sem_IpFifo_ring";
+    const int ringHandle = ::semget( Io::FileSystem::ftok( ringKeyFile.c_str(), 1 ), 2, 0 );
+    EXPECT_EQ( ::semctl( ringHandle, 0, GETVAL ), 1 );
+    actor.closeInput();
+    EXPECT_EQ( actor.wait().exitStatus(), 0 );
 }
 
 // Every entry is read, or counted as discarded by the writer that made room.
