@@ -48,6 +48,10 @@ private:
 /// | FIFO "pipe_fmSrvr_" + N             | server     | client  |
 /// | semaphore "pipe_SrvrConnect_" + N   | posted by the server, initial count 0 |
 /// | semaphore "pipe_ClntConnect_" + N   | posted by the client, initial count 0 |
+///
+/// Cost:    a message that fits the FIFO is one gathered write and two reads. A read that finds
+///          nothing tries 128 times more, some 30 us, before it waits, if the machine has several
+///          processors.
 class NUV_API PipeEnd
 {
 public:

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/uio.h>
+#include <thread>
 #include <unistd.h>
 
 namespace Nuv::Io {
@@ -29,6 +30,18 @@ void sleepMs( unsigned int ms )
 } // namespace
 
 /// A frame while it is read.
+namespace {
+
+// How often an empty pipe is read before the read waits: for about the time that blocking and
+// waking up take, within which a running peer's answer often comes. With one core it cannot.
+int maxNbrOfQuickAttempts()
+{
+    static const int ourMax = std::thread::hardware_concurrency() > 1 ? 128 : 0;
+    return ourMax;
+}
+
+} // namespace
+
 struct PipeFrame::Reading
 {
     std::uint32_t word( std::size_t index ) const { return words[index]; }
@@ -44,6 +57,7 @@ struct PipeFrame::Reading
     std::size_t nbrOfHeaderBytes = 0;
     std::size_t nbrOfDataBytes = 0;
     std::uint64_t nbrOfSteps = 0;
+    int nbrOfQuickAttempts = maxNbrOfQuickAttempts();
 };
 
 PipeFrame::PipeFrame( const char* classNamePtr, Log::SourceSet* sourcesPtr )
@@ -197,7 +211,14 @@ bool PipeFrame::take( Reading* readingPtr, char* ptr, std::size_t length )
         }
         if ( n < 0 && errno != EAGAIN )
             return false;
-        if ( !( n == 0 ? step( readingPtr ) : waitForBytes( readingPtr ) ) )
+        const int nbrOfQuickAttempts = std::exchange( readingPtr->nbrOfQuickAttempts, 0 );
+        if ( n < 0 && nbrOfQuickAttempts > 0 ) {
+            readingPtr->nbrOfQuickAttempts = nbrOfQuickAttempts - 1;
+            continue;
+        }
+        // A pipe that is found without a writer at once may be about to get its first one.
+        const bool isUntried = nbrOfQuickAttempts > 0;
+        if ( !( n == 0 && !isUntried ? step( readingPtr ) : waitForBytes( readingPtr ) ) )
             timeOut( *readingPtr );
     }
 }
@@ -286,7 +307,7 @@ bool PipeFrame::read( int fd, const std::string& pathname, Utils::Buffer* dataPt
 {
     Reading reading = { fd, pathname, dataPtr, std::uint64_t( timeoutSec ) * stepsPerSec,
                         patience == Patience::fromStart };
-    if ( fd >= 0 && !waitForBytes( &reading ) )
+    if ( fd >= 0 && reading.nbrOfQuickAttempts == 0 && !waitForBytes( &reading ) )
         timeOut( reading );
     if ( !readHeader( &reading ) || !readData( &reading ) )
         return false;

@@ -36,40 +36,47 @@ std::uint32_t hashBytes( std::uint32_t hash, const char* ptr, std::size_t length
 
 #if defined( __SSE2__ )
 
-__m128i multiply( __m128i a, __m128i b )
+// Four sums of four bytes each: ((b0 * 63 + b1) * 63 + b2) * 63 + b3.
+__m128i quads( const char* ptr )
 {
-    const __m128i even = _mm_mul_epu32( a, b );
-    const __m128i odd = _mm_mul_epu32( _mm_srli_epi64( a, 32 ), _mm_srli_epi64( b, 32 ) );
-    return _mm_unpacklo_epi32( _mm_shuffle_epi32( even, _MM_SHUFFLE( 0, 0, 2, 0 ) ),
-                               _mm_shuffle_epi32( odd, _MM_SHUFFLE( 0, 0, 2, 0 ) ) );
+    const __m128i bytes = _mm_loadu_si128( reinterpret_cast< const __m128i* >( ptr ) );
+    // The even bytes stand in the upper halves of the words, the product's upper half is taken.
+    const __m128i even = _mm_mulhi_epi16( _mm_slli_epi16( bytes, 8 ), _mm_set1_epi16( 63 << 8 ) );
+    const __m128i pairs = _mm_add_epi16( even, _mm_srai_epi16( bytes, 8 ) );
+    return _mm_madd_epi16( pairs, _mm_set1_epi32( 0x00010F81 ) ); // 3969, 1
 }
 
-// Four sums of four bytes each: ((b0 * 63 + b1) * 63 + b2) * 63 + b3.
-__m128i quads( __m128i bytes )
+/// The lanes of 16 bytes, in the lower halves of 64-bit words; the upper ones hold nothing.
+struct QuadLanes
 {
-    const __m128i pairWeights = _mm_set1_epi32( 0x0001003F ); // 63, 1
-    const __m128i quadWeights = _mm_set1_epi32( 0x00010F81 ); // 3969, 1
-    const __m128i low = _mm_srai_epi16( _mm_unpacklo_epi8( bytes, bytes ), 8 );
-    const __m128i high = _mm_srai_epi16( _mm_unpackhi_epi8( bytes, bytes ), 8 );
-    return _mm_madd_epi16(
-        _mm_packs_epi32( _mm_madd_epi16( low, pairWeights ), _mm_madd_epi16( high, pairWeights ) ),
-        quadWeights );
-}
+    void add( __m128i sums, __m128i weight )
+    {
+        even = _mm_add_epi64( _mm_mul_epu32( even, weight ), sums );
+        odd = _mm_add_epi64( _mm_mul_epu32( odd, weight ), _mm_srli_epi64( sums, 32 ) );
+    }
+    void store( std::uint32_t* lanesPtr ) const
+    {
+        const __m128i lower = _mm_shuffle_epi32( even, _MM_SHUFFLE( 3, 1, 2, 0 ) );
+        const __m128i upper = _mm_shuffle_epi32( odd, _MM_SHUFFLE( 3, 1, 2, 0 ) );
+        _mm_storeu_si128( reinterpret_cast< __m128i* >( lanesPtr ),
+                          _mm_unpacklo_epi32( lower, upper ) );
+    }
+
+    __m128i even = _mm_setzero_si128();
+    __m128i odd = _mm_setzero_si128();
+};
 
 void sumBlocks( const char* ptr, std::size_t nbrOfBlocks, std::uint32_t ( &lanes )[nbrOfLanes] )
 {
     const __m128i blockWeight = _mm_set1_epi32( static_cast< int >( power( blockSize ) ) );
-    __m128i first = _mm_setzero_si128();
-    __m128i second = _mm_setzero_si128();
+    QuadLanes first;
+    QuadLanes second;
     for ( std::size_t i = 0; i < nbrOfBlocks; ++i, ptr += blockSize ) {
-        const auto* const blockPtr = reinterpret_cast< const __m128i* >( ptr );
-        first =
-            _mm_add_epi32( multiply( first, blockWeight ), quads( _mm_loadu_si128( blockPtr ) ) );
-        second = _mm_add_epi32( multiply( second, blockWeight ),
-                                quads( _mm_loadu_si128( blockPtr + 1 ) ) );
+        first.add( quads( ptr ), blockWeight );
+        second.add( quads( ptr + 16 ), blockWeight );
     }
-    _mm_storeu_si128( reinterpret_cast< __m128i* >( lanes ), first );
-    _mm_storeu_si128( reinterpret_cast< __m128i* >( lanes ) + 1, second );
+    first.store( lanes );
+    second.store( lanes + 4 );
 }
 
 #else
