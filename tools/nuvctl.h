@@ -11,10 +11,10 @@
 /// The parts of nuvctl: one function for each command, run after the command line has been read.
 ///
 /// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
-/// check) run without the process frame: they create no directory, no log and no interprocess
-/// object, count as nobody's user and wait for no lock, so that they work while everything else
-/// hangs. "zones set" and "log emit" act through the library, inside the frame, after
-/// refuseIfLocked() has seen that nothing they need is taken for good.
+/// check) or compute (encode, decode, crc) run without the process frame: they create no directory,
+/// no log and no interprocess object, count as nobody's user and wait for no lock, so that they
+/// work while everything else hangs. "zones set" and "log emit" act through the library, inside the
+/// frame, after refuseIfLocked() has seen that nothing they need is taken for good.
 namespace Nuv::Ctl {
 
 /// The tool's exit statuses.
@@ -136,5 +136,23 @@ int doctorIpc( const CommonOptions& common );
 int repairIpc( const CommonOptions& common, bool yes );
 
 int checkConfiguration( const CommonOptions& common, const std::string& file );
+
+struct CodecOptions
+{
+    std::string myFormat; ///< base64, bencode or archive
+    std::string myFile;   ///< empty or "-": standard input
+    std::string myFields; ///< of an archive to decode: the types of its values
+};
+int encode( const CommonOptions& common, const CodecOptions& options );
+int decode( const CommonOptions& common, const CodecOptions& options );
+
+struct CrcOptions
+{
+    int myWidth = 32; ///< or 16
+    std::string myFile;
+    std::uint32_t myInitial = 0;
+    bool myHasInitial = false;
+};
+int showCrc( const CommonOptions& common, const CrcOptions& options );
 
 } // namespace Nuv::Ctl

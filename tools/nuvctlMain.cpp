@@ -27,6 +27,8 @@ struct CommandLine
     ThreadsOptions myThreads;
     std::string myFifo;
     std::string myCheckedFile;
+    CodecOptions myCodec;
+    CrcOptions myCrc;
     bool myYes = false;
     std::function< int() > myCommand;
 };
@@ -126,6 +128,44 @@ void addIpc( CLI::App* appPtr, CommandLine* linePtr )
     repairPtr->add_flag( "-y,--yes", linePtr->myYes, "Do not ask" );
 }
 
+void addCodecs( CLI::App* appPtr, CommandLine* linePtr )
+{
+    const auto addFile = []( CLI::App* commandPtr, std::string* filePtr ) {
+        commandPtr->add_option( "file", *filePtr,
+                                "The input; without it, or with \"-\", standard input" );
+    };
+    const auto addFormat = [=]( CLI::App* commandPtr ) {
+        commandPtr->add_option( "format", linePtr->myCodec.myFormat, "base64, bencode or archive" )
+            ->required()
+            ->check( CLI::IsMember( { "base64", "bencode", "archive" } ) );
+        addFile( commandPtr, &linePtr->myCodec.myFile );
+    };
+    addFormat( addCommand(
+        appPtr, "encode",
+        "Encode bytes as Base64, JSON as b-encoding, lines \"TYPE VALUE\" as an archive", linePtr,
+        [=] { return encode( linePtr->myCommon, linePtr->myCodec ); } ) );
+    CLI::App* const decodePtr =
+        addCommand( appPtr, "decode", "Show what Base64, b-encoding or an archive holds", linePtr,
+                    [=] { return decode( linePtr->myCommon, linePtr->myCodec ); } );
+    addFormat( decodePtr );
+    decodePtr->add_option(
+        "--fields", linePtr->myCodec.myFields,
+        "Types of an archive's values in their order, separated by commas, again and "
+        "again: bool, char, short, int, long, longlong, the same with u before them, "
+        "wchar, float, double, string, wstring, rawstring, object" );
+    CLI::App* const crcPtr =
+        addCommand( appPtr, "crc", "Show a file's CRC-32 or CRC-16", linePtr,
+                    [=] { return showCrc( linePtr->myCommon, linePtr->myCrc ); } );
+    crcPtr->add_option( "width", linePtr->myCrc.myWidth, "32 or 16" )
+        ->required()
+        ->check( CLI::IsMember( { 32, 16 } ) );
+    addFile( crcPtr, &linePtr->myCrc.myFile );
+    crcPtr
+        ->add_option( "--initial", linePtr->myCrc.myInitial,
+                      "Begin with this register and show the register as it is" )
+        ->each( [=]( const std::string& ) { linePtr->myCrc.myHasInitial = true; } );
+}
+
 void addOthers( CLI::App* appPtr, CommandLine* linePtr )
 {
     addCommand( appPtr, "paths", "Show the special pathnames and where each comes from", linePtr,
@@ -214,6 +254,7 @@ int main( int argc, char** argv )
     app.require_subcommand( 1 );
     app.add_flag( "--json", line.myCommon.myJson, "Print JSON, for scripts" );
     addOthers( &app, &line );
+    addCodecs( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
     if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&
          app.get_subcommands(
