@@ -3,6 +3,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/auxv.h>
 
 namespace Nuv {
 namespace {
@@ -48,6 +49,21 @@ TEST( StackSymbol, GivesTheOffsetInTheObjectWhereNoNameIsExported )
     EXPECT_EQ( symbol.myNamePtr, nullptr );
     EXPECT_EQ( plus( info.dli_fbase, symbol.myOffset ), plus( addressPtr, 2 ) );
     EXPECT_NE( std::strstr( symbol.myObjectPtr, "nuvStackSymbolsTest" ), nullptr );
+}
+
+// The loader cannot write into this one: its tables are offsets still.
+TEST( StackSymbol, ReadsTheKernelsOwnObject )
+{
+    const auto startPtr = reinterpret_cast< const void* >( ::getauxval( AT_SYSINFO_EHDR ) );
+    if ( startPtr == nullptr )
+        GTEST_SKIP() << "no such object here";
+    bool isFound = false;
+    for ( std::size_t offset = 0; !isFound && offset < 8192; ++offset ) {
+        const StackSymbol symbol( plus( startPtr, offset ) );
+        isFound =
+            symbol.myNamePtr != nullptr && std::strstr( symbol.myNamePtr, "gettime" ) != nullptr;
+    }
+    EXPECT_TRUE( isFound );
 }
 
 TEST( StackSymbol, IsEmptyOutsideAllObjects )

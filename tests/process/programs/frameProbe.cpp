@@ -207,10 +207,12 @@ volatile int ourOne = 1;
 volatile int ourZero = 0;
 int* volatile ourNullPtr = nullptr;
 
+// With a negative value in a register that the report has.
 NUV_UNCHECKED void segv()
 {
-    *ourNullPtr = 1;
+    asm volatile( "movl $1, (%0)" : : "a"( ourNullPtr ), "D"( -2L ) : "memory" );
 }
+
 NUV_UNCHECKED void fpe()
 {
     ourOne = ourOne / ourZero;
