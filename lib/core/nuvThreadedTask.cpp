@@ -227,8 +227,9 @@ bool ThreadedTask::terminateThread()
         const MutexLock joinLock( myJoinMutex );
         isAccepted = !myIsJoining && ::pthread_cancel( myThread ) == 0;
     }
-    myCompletionEvent.signal();
+    // In this order, so that whom the event wakes does not find the task running.
     myRunning.store( false, std::memory_order_release );
+    myCompletionEvent.signal();
     return isAccepted;
 }
 
