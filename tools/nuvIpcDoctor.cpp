@@ -10,6 +10,10 @@ namespace Nuv::Tools {
 
 namespace {
 
+// The FIFOs of a pipe, by direction.
+constexpr const char* toServerPrefix = "pipe_toSrvr_";
+constexpr const char* fromServerPrefix = "pipe_fmSrvr_";
+
 bool beginsWith( const std::string& text, const char* prefixPtr )
 {
     return text.compare( 0, std::strlen( prefixPtr ), prefixPtr ) == 0;
@@ -50,6 +54,7 @@ private:
     std::optional< KnownUsers > usersOf( const std::string& name ) const;
     KnownUsers attachedTo( const std::string& segmentName ) const;
     KnownUsers openersOf( const std::string& fifoName ) const;
+    bool hasServer( const std::string& pipeName ) const;
     bool hasAllAttachedVisible( const NamedSegment& segment ) const;
     void findLiveUsers();
 
@@ -332,19 +337,33 @@ void Diagnosis::judgeSegment( const NamedSegment& segment )
     finding.myKernelId = segment.mySegment->myId;
 }
 
+/// A pipe's server keeps a descriptor of the FIFO to it, connected or not; no client reads that
+/// one.
+bool Diagnosis::hasServer( const std::string& pipeName ) const
+{
+    const NamedFifo* const fifoPtr = myInventory.findFifo( toServerPrefix + pipeName );
+    if ( fifoPtr == nullptr )
+        return false;
+    return std::any_of( fifoPtr->myUsers.begin(), fifoPtr->myUsers.end(),
+                        []( const auto& user ) { return user.second.myNbrOfReaders > 0; } );
+}
+
 void Diagnosis::judgeFifo( const NamedFifo& fifo )
 {
-    if ( !fifo.myUsers.empty() )
-        return;
     const bool isComplete = myInventory.myProcesses.nbrOfUnreadable() == 0;
-    const bool isPipe = beginsWith( fifo.myName, "pipe_" );
-    // The FIFOs of a server that nobody is connected to are open nowhere.
-    if ( isPipe && ( myHasLiveUsers || !isComplete ) )
+    std::string text = "is open in no process, but was not removed";
+    bool isUsed = !fifo.myUsers.empty();
+    for ( const char* prefixPtr : { toServerPrefix, fromServerPrefix } ) {
+        if ( !beginsWith( fifo.myName, prefixPtr ) )
+            continue;
+        isUsed = hasServer( fifo.myName.substr( std::strlen( prefixPtr ) ) );
+        text = "belongs to a server that has ended; no other can take its name";
+    }
+    if ( isUsed )
         return;
-    Finding& finding =
-        add( Finding::fifoUnused, isComplete && !isPipe ? Finding::certain : Finding::likely,
-             "FIFO " + fifo.myName );
-    finding.myText = "is open in no process, but was not removed";
+    Finding& finding = add( Finding::fifoUnused, isComplete ? Finding::certain : Finding::likely,
+                            "FIFO " + fifo.myName );
+    finding.myText = text;
     finding.myRepair = "remove it";
     finding.myFileName = fifo.myFile.myFileName;
 }

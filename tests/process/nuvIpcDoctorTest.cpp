@@ -3,6 +3,7 @@
 
 #include "nuvEvent.h"
 #include "nuvInterprocessFifo.h"
+#include "nuvPipe.h"
 #include "nuvSemaphore.h"
 #include "nuvSharedMemory.h"
 #include "nuvTestSupport.h"
@@ -323,6 +324,41 @@ TEST_F( IpcDoctor, EntriesOfARingWithoutProcessAreKept )
         EXPECT_STREQ( entry.cStr(), "last words" );
     } );
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+    expectNothingLeft();
+}
+
+TEST_F( IpcDoctor, NameOfAKilledPipeServerBecomesFreeAndAnIdleOneIsLeftAlone )
+{
+    const auto serve = [] {
+        Io::ServerPipe pipe( "control" );
+        std::cout << "ready" << std::endl;
+        pipe.connect();
+        Utils::Buffer message;
+        pipe.readMsg( &message );
+        pipe.writeMsg( message );
+        pipe.disconnect();
+    };
+    auto serverPtr = std::make_unique< ChildProcess >( serve );
+    ASSERT_EQ( serverPtr->readLine(), "ready" );
+    EXPECT_TRUE( findProblems().empty() ) << text( findProblems() );
+    serverPtr->kill( SIGKILL );
+    serverPtr->wait();
+    EXPECT_NE( NuvTest::runInChild( [] { Io::ServerPipe pipe( "control" ); } ).exitStatus(), 0 );
+    repairAll();
+    serverPtr = std::make_unique< ChildProcess >( serve );
+    ASSERT_EQ( serverPtr->readLine(), "ready" );
+    const Outcome client = NuvTest::runInChild( [] {
+        Io::ClientPipe pipe( "control" );
+        pipe.connect( 5000, false );
+        pipe.writeMsg( Utils::Buffer( "question" ) );
+        Utils::Buffer answer;
+        pipe.readMsg( &answer, 5 );
+        EXPECT_STREQ( answer.cStr(), "question" );
+        pipe.disconnect();
+    } );
+    EXPECT_EQ( client.exitStatus(), 0 ) << client.errors;
+    EXPECT_EQ( serverPtr->wait().exitStatus(), 0 );
+    repairAll(); // a forked child leaves its log's objects
     expectNothingLeft();
 }
 

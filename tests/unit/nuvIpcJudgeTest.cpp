@@ -27,6 +27,11 @@ NamedSemaphore semaphore( const std::string& name, int id, int value, int useCou
     return { name, { "sem_" + name, {}, id, now }, setOf( id, value, useCount, lastPid ) };
 }
 
+NamedFifo pipeFifo( const std::string& name, const FifoUse& use )
+{
+    return { name, { name, { 1, 6 }, 0, now }, { { daemonPid, use } } };
+}
+
 /// One daemon, idle, that has the segment "table" and the event "wake" open.
 Inventory healthy()
 {
@@ -157,11 +162,18 @@ TEST( IpcJudge, SaysWhatIsProvenAndWhatIsOnlyLikely )
           "likely use-count semaphore plain" },
         { "a FIFO that nobody has open", []( Inventory& i ) { i.myFifos[0].myUsers.clear(); },
           "certain use-count semaphore evt_wake; certain fifo-unused FIFO evt_wake" },
-        { "the FIFO of a pipe whose server is idle",
+        { "the FIFOs of a pipe whose server is idle",
           []( Inventory& i ) {
-              i.myFifos.push_back( { "pipe_toSrvr_x", { "pipe_toSrvr_x", { 1, 6 }, 0, now }, {} } );
+              i.myFifos.push_back( pipeFifo( "pipe_toSrvr_x", { 1, 0 } ) );
+              i.myFifos.push_back( pipeFifo( "pipe_fmSrvr_x", { 0, 0 } ) );
           },
           "" },
+        { "the FIFOs of a pipe that only a client still has open",
+          []( Inventory& i ) {
+              i.myFifos.push_back( pipeFifo( "pipe_toSrvr_x", { 0, 1 } ) );
+              i.myFifos.push_back( pipeFifo( "pipe_fmSrvr_x", { 1, 0 } ) );
+          },
+          "certain fifo-unused FIFO pipe_toSrvr_x; certain fifo-unused FIFO pipe_fmSrvr_x" },
         { "key files without their objects",
           []( Inventory& i ) {
               i.mySemaphores[2].mySet.reset();
