@@ -235,6 +235,16 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
               w.myReadOffset += 2;
               w.myWriteOffset += 2;
           } },
+        { "read offset two bytes before the end",
+          []( Fifo& w, char* ) {
+              w.myReadOffset = w.myFifoSize - 2;
+              w.myWriteOffset = w.myFifoSize - w.myNbrOfBytesFree - 2;
+          } },
+        { "number of free bytes odd",
+          []( Fifo& w, char* ) {
+              w.myNbrOfBytesFree -= 2;
+              w.myWriteOffset += 2;
+          } },
         { "write offset elsewhere", []( Fifo& w, char* ) { w.myWriteOffset += 4; } },
         { "offsets far out, in step",
           []( Fifo& w, char* ) {
@@ -276,6 +286,15 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
                                            "\"damaged\" was damaged and has been emptied." ) );
         }
     }
+}
+
+TEST_F( InterprocessFifoTest, LengthOfTheLastEntryIsNotFollowedBeyondIt )
+{
+    InterprocessFifo fifo( "last", 100 );
+    fifo.write( Buffer( numbered( 1, 20 ) ) );
+    ringPtr( fifo )[0] = 21; // less than a quarter, and 28 bytes of 24
+    EXPECT_EQ( readOne( fifo ), "-" );
+    EXPECT_EQ( headerText( fifo ), "104 0 0 104" );
 }
 
 TEST_F( InterprocessFifoTest, DeletionOfALengthBeyondTheEntriesAsserts )

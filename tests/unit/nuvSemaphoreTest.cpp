@@ -553,10 +553,15 @@ TEST_F( SemaphoreTest, LockPostsOnlyTheMasterSetThatItTook )
     MasterSemaphore::Lock lock;
     master.acquire( &lock );
     removeSet( masterHandle() );
-    const MasterSemaphore fresh;
+    MasterSemaphore::Lock fresh; // opens, or makes, a set anew
+    master.acquire( &fresh );
+    EXPECT_EQ( masterValue(), 0 );
     lock.unlock();
+    EXPECT_EQ( masterValue(), 0 );
+    fresh.unlock();
     EXPECT_EQ( masterValue(), 1 );
-    EXPECT_TRUE( master.wait() ) << "a removed set is opened anew";
+    removeSet( masterHandle() );
+    EXPECT_TRUE( master.wait() );
     EXPECT_EQ( masterValue(), 0 );
     EXPECT_TRUE( master.post() );
     MasterSemaphore::Lock idle;

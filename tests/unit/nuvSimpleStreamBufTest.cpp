@@ -125,11 +125,17 @@ TEST_F( SimpleStreamBuf, FailedWriteKeepsItsBytesForTheNextTry )
         stream.clear();
         stream << "too much for a buffer that is full";
         EXPECT_TRUE( stream.bad() );
-        ourWriteFault.disarm();
         stream.clear();
-        stream << "!";
+        for ( int i = 0; i < 10; ++i ) {
+            stream.put( '.' );
+        }
+        ourGreatestTransfer = 7;
+        ourWriteFault.arm( 2, ENOSPC ); // seven bytes go out, so there is room for one more
+        stream.put( '!' );
+        EXPECT_TRUE( stream.good() );
+        EXPECT_EQ( content().size(), 10u + 7 );
     }
-    EXPECT_EQ( content(), text + "!" );
+    EXPECT_EQ( content(), text + "..........!" );
 }
 
 TEST_F( SimpleStreamBuf, FailedReadIsTheEndAndTellsWhy )
