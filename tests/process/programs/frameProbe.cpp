@@ -1,8 +1,8 @@
 // frameProbe OBSERVER MODE [ARGUMENT]: an application whose Nuv::main does what MODE says.
 //
 // OBSERVER: "claim" and "ignore" attach an observer that prints "signal N" for each signal and
-// claims it or not, "throw" one that throws, "none" attaches none, "nohandler" makes no signal
-// handler.
+// claims it or not; that of "throw" throws, that of "overflow" recurses without end; "none"
+// attaches none, "nohandler" makes no signal handler.
 
 #include "nuvMainThread.h"
 #include "nuvSemaphore.h"
@@ -13,9 +13,9 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <ios>
+#include <functional>
+#include <map>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -26,8 +26,12 @@
 #include <unistd.h>
 
 using namespace Nuv;
+using Body = std::function< unsigned int() >;
 
 namespace {
+
+// The sanitizers must not find first what the process is to crash by.
+#define NUV_UNCHECKED __attribute__( ( no_sanitize( "address", "undefined" ) ) )
 
 int ourArgument = 0;
 
@@ -37,21 +41,47 @@ void say( const std::string& line )
     [[maybe_unused]] const ssize_t n = ::write( 1, text.data(), text.size() );
 }
 
-__attribute__( ( no_sanitize( "address" ) ) ) int overflow( int depth )
+// Until standard input ends; each byte is answered, so that its sender may follow the dispatching.
+int listen()
+{
+    say( "ready" );
+    for ( char c; ::read( 0, &c, 1 ) == 1; ) {
+        say( "alive" );
+    }
+    return 7;
+}
+
+unsigned int runBody( Mt::ThreadedTask*, void* bodyPtr )
+{
+    return ( *static_cast< Body* >( bodyPtr ) )();
+}
+
+class Task : public Mt::ThreadedTask
+{
+public:
+    Task( const char* namePtr, Body* bodyPtr )
+        : ThreadedTask( &runBody, namePtr, bodyPtr, priorityNormal )
+    {
+    }
+    int result() { return waitForTaskCompletion( infinite ) ? exitCode() : -1; }
+};
+
+int waitForChild( pid_t childId )
+{
+    int status = 0;
+    ::waitpid( childId, &status, 0 );
+    return status;
+}
+
+NUV_UNCHECKED int overflow( int depth )
 {
     volatile char bytes[512];
     bytes[0] = static_cast< char >( depth );
     return depth < 0 ? 0 : overflow( depth + 1 ) + bytes[0];
 }
 
-class Printer : public Utils::Observer< Mt::SignalHandler >
+struct Printer : Utils::Observer< Mt::SignalHandler >
 {
-public:
-    explicit Printer( const std::string& kind )
-        : myKind( kind )
-    {
-    }
-
     void update( Mt::SignalHandler& handler ) override
     {
         if ( myKind == "throw" )
@@ -62,105 +92,47 @@ public:
         handler.setSignalHandled( myKind == "claim" );
     }
 
-private:
     std::string myKind;
 };
 
-// -------- life
-
-int returnArgument()
-{
-    return ourArgument;
-}
-
-// Until standard input ends; each line that comes is answered, so that its sender may follow the
-// dispatching.
-int listen()
-{
-    say( "ready" );
-    char c;
-    while ( ::read( 0, &c, 1 ) == 1 ) {
-        say( "alive" );
-    }
-    return 7;
-}
-
-[[noreturn]] int throwKind()
-{
-    switch ( ourArgument ) {
-    case 1:
-        throw LogicException( "one" );
-    case 2:
-        throw std::out_of_range( "two" );
-    case 3:
-        throw std::bad_cast();
-    case 4:
-        throw std::bad_typeid();
-    case 5:
-        throw std::bad_exception();
-    case 6:
-        throw ResourceException( "six" );
-    case 7:
-        throw std::bad_alloc();
-    case 8:
-        throw RuntimeException( "eight", 0, 4 );
-    case 9:
-        throw std::ios_base::failure( "nine" );
-    case 10:
-        throw std::range_error( "ten" );
-    case 11:
-        throw std::bad_function_call();
-    default:
-        throw 12;
-    }
-}
-
-int raiseArgument()
-{
-    Mt::SignalHandler::raise( ourArgument );
-    return listen();
-}
-
-// The blocked thread writes a byte for each read that came back interrupted.
-unsigned int readInterruptibly( Mt::ThreadedTask* taskPtr, void* fdsPtr )
-{
-    const int* const fds = static_cast< int* >( fdsPtr );
-    while ( !taskPtr->isExitRequested() ) {
-        char c;
-        pollfd descriptor{ fds[0], POLLIN, 0 };
-        if ( Mt::InterruptibleCall::poll( &descriptor, 1, -1 ) > 0 )
-            return ::read( fds[0], &c, 1 ) == 1 ? 0 : 1;
-        if ( errno != EINTR || ::write( fds[3], "", 1 ) != 1 )
-            return 1;
-    }
-    return 2;
-}
+const Body throwers[] = { []() -> unsigned int { throw LogicException( "one" ); },
+                          []() -> unsigned int { throw std::out_of_range( "two" ); },
+                          []() -> unsigned int { throw std::bad_cast(); },
+                          []() -> unsigned int { throw std::bad_typeid(); },
+                          []() -> unsigned int { throw std::bad_exception(); },
+                          []() -> unsigned int { throw ResourceException( "six" ); },
+                          []() -> unsigned int { throw std::bad_alloc(); },
+                          []() -> unsigned int { throw RuntimeException( "eight", 0, 4 ); },
+                          []() -> unsigned int { throw std::ios_base::failure( "nine" ); },
+                          []() -> unsigned int { throw std::range_error( "ten" ); },
+                          []() -> unsigned int { throw std::bad_function_call(); },
+                          []() -> unsigned int { throw 12; } };
 
 // Each interruption is sent at once after the last one was answered: wherever the thread is then.
 int interruptOften()
 {
-    int fds[4];
-    if ( ::pipe( fds ) != 0 || ::pipe( fds + 2 ) != 0 )
+    int toThread[2];
+    int answers[2];
+    if ( ::pipe( toThread ) != 0 || ::pipe( answers ) != 0 )
         return 1;
-    Mt::ThreadedTask task( &readInterruptibly, "reader", fds, Mt::ThreadedTask::priorityNormal );
+    Body answer = [&] {
+        pollfd descriptor{ toThread[0], POLLIN, 0 };
+        int n = 0;
+        while ( ( n = Mt::InterruptibleCall::poll( &descriptor, 1, -1 ) ) == -1 &&
+                errno == EINTR ) {
+            if ( ::write( answers[1], "", 1 ) != 1 )
+                return 1u;
+        }
+        return n == 1 ? 0u : 1u;
+    };
+    Task task( "reader", &answer );
+    char c;
     for ( int i = 0; i < ourArgument; ++i ) {
-        char c;
         Mt::SignalHandler::interruptSystemCall( task.threadId() );
-        if ( ::read( fds[2], &c, 1 ) != 1 )
+        if ( ::read( answers[0], &c, 1 ) != 1 )
             return 1;
     }
-    if ( ::write( fds[1], "", 1 ) != 1 )
-        return 1;
-    task.waitForTaskCompletion( Mt::ThreadedTask::infinite );
-    return task.exitCode();
-}
-
-unsigned int readOnce( Mt::ThreadedTask*, void* fdPtr )
-{
-    const Mt::InterruptibleCall call;
-    char c;
-    const ssize_t n = call.isInterrupted() ? -1 : ::read( *static_cast< int* >( fdPtr ), &c, 1 );
-    return n == -1 && errno == EINTR ? 0 : 1;
+    return ::write( toThread[1], "", 1 ) == 1 ? task.result() : 1;
 }
 
 // Interrupted until read() itself has been met.
@@ -169,39 +141,35 @@ int interruptRead()
     int fds[2];
     if ( ::pipe( fds ) != 0 )
         return 1;
-    Mt::ThreadedTask task( &readOnce, "reader", fds, Mt::ThreadedTask::priorityNormal );
+    Body read = [&] {
+        const Mt::InterruptibleCall call;
+        char c;
+        return !call.isInterrupted() && ::read( fds[0], &c, 1 ) >= 0 ? 1u
+               : errno == EINTR                                      ? 0u
+                                                                     : 2u;
+    };
+    Task task( "reader", &read );
     while ( !task.waitForTaskCompletion( 1 ) ) {
         Mt::SignalHandler::interruptSystemCall( task.threadId() );
     }
     return task.exitCode();
 }
 
-// -------- status records
-
-unsigned int waitOnSemaphore( Mt::ThreadedTask*, void* semaphorePtr )
-{
-    static_cast< Mt::Semaphore* >( semaphorePtr )->wait();
-    Mt::SubsystemInfo::threadletonPtr()->detail()->statusMessage( "has waited" );
-    say( "waited" );
-    return listen() == 7 ? 0 : 1;
-}
-
 int showRecords()
 {
     Mt::Semaphore semaphore( "frameProbe", 0 );
     say( std::to_string( semaphore.handle() ) );
-    Mt::ThreadedTask task( &waitOnSemaphore, "a task whose name is longer than 32 characters",
-                           &semaphore, Mt::ThreadedTask::priorityNormal );
+    Body wait = [&] {
+        semaphore.wait();
+        Mt::SubsystemInfo::threadletonPtr()->detail()->statusMessage( "has waited" );
+        say( "waited" );
+        return 0u;
+    };
+    Task task( "a task whose name is longer than 32 characters", &wait );
     listen();
     semaphore.post();
-    task.waitForTaskCompletion( Mt::ThreadedTask::infinite );
-    return 0;
+    return task.result();
 }
-
-// -------- crashes
-
-// The sanitizers must not find first what the process is to crash by.
-#define NUV_UNCHECKED __attribute__( ( no_sanitize( "address", "undefined" ) ) )
 
 volatile int ourOne = 1;
 volatile int ourZero = 0;
@@ -217,48 +185,39 @@ NUV_UNCHECKED void fpe()
 {
     ourOne = ourOne / ourZero;
 }
-void ill()
-{
-    asm volatile( "ud2" );
-}
 
 void bus()
 {
-    const int fd = ::open( ".", O_TMPFILE | O_RDWR, 0600 );
-    *static_cast< volatile char* >(
-        ::mmap( nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 ) ) = 1;
+    const int fd = ::open( ".", O_TMPFILE | O_RDWR, 0600 ); // mapped beyond its end
+    *static_cast< volatile char* >( ::mmap( nullptr, 4096, PROT_WRITE, MAP_SHARED, fd, 0 ) ) = 1;
 }
 
 // The links of a freed block are broken, so the next allocation dies within malloc, its arena
 // locked.
 void insideMalloc()
 {
-    volatile std::uintptr_t* volatile blockPtr =
+    volatile std::uintptr_t* volatile linksPtr =
         static_cast< volatile std::uintptr_t* >( std::malloc( 5000 ) );
-    volatile std::uintptr_t* volatile linksPtr = blockPtr;
+    void* volatile blockPtr = const_cast< std::uintptr_t* >( linksPtr );
     void* volatile keeperPtr = std::malloc( 5000 );
-    std::free( const_cast< std::uintptr_t* >( blockPtr ) );
+    std::free( blockPtr );
     linksPtr[1] = 16;
-    void* volatile victimPtr = std::malloc( 6000 );
-    std::free( victimPtr );
+    blockPtr = std::malloc( 6000 );
     std::free( keeperPtr );
-}
-
-std::atomic< int > ourNbrAtGate = 0;
-
-unsigned int crashTogether( Mt::ThreadedTask*, void* )
-{
-    ++ourNbrAtGate;
-    while ( ourNbrAtGate != 2 ) {
-    }
-    segv();
-    return 0;
 }
 
 void twoThreads()
 {
-    Mt::ThreadedTask a( &crashTogether, "a", nullptr, Mt::ThreadedTask::priorityNormal );
-    Mt::ThreadedTask b( &crashTogether, "b", nullptr, Mt::ThreadedTask::priorityNormal );
+    std::atomic< int > nbrAtGate = 0;
+    Body crash = [&] {
+        ++nbrAtGate;
+        while ( nbrAtGate != 2 ) {
+        }
+        segv();
+        return 0u;
+    };
+    Task a( "a", &crash );
+    Task b( "b", &crash );
 }
 
 void forkedChild()
@@ -266,8 +225,7 @@ void forkedChild()
     const pid_t childId = ::fork();
     if ( childId == 0 )
         segv();
-    int status = 0;
-    ::waitpid( childId, &status, 0 );
+    const int status = waitForChild( childId );
     say( std::to_string( childId ) + " " + std::to_string( WTERMSIG( status ) ) );
     segv();
 }
@@ -280,48 +238,16 @@ void limitCoreFile( rlim_t nbrOfBytes )
     ::setrlimit( RLIMIT_CORE, &limit );
 }
 
-void withCoreFile()
-{
-    limitCoreFile( 1 ); // enabled, but too small for one to be written
-    segv();
-}
-
-void overflowStack()
-{
-    overflow( 0 );
-}
-
-template < void ( *Crash )() >
-int crash()
-{
-    Crash();
-    return 0;
-}
-
-// -------- forks
-
-int exitFromMain()
-{
-    std::exit( ourArgument );
-}
-
-void neverInChild()
-{
-    say( "parent's exit handler" );
-}
-
 int forkAndExit()
 {
-    std::atexit( &neverInChild );
+    std::atexit( [] { say( "parent's exit handler" ); } );
     std::printf( "parent\n" ); // not written out yet
     const pid_t childId = ::fork();
     if ( childId == 0 ) {
         std::printf( "child\n" );
         std::exit( 5 );
     }
-    int status = 0;
-    ::waitpid( childId, &status, 0 );
-    std::printf( "status %d\n", status );
+    std::printf( "status %d\n", waitForChild( childId ) );
     std::fflush( stdout );
     return 0;
 }
@@ -337,63 +263,65 @@ int forkAndSignal()
         ::raise( SIGTERM );
         ::_exit( 0 );
     }
-    int status = 0;
-    ::waitpid( childId, &status, 0 );
+    const int status = waitForChild( childId );
     listen();
     return status;
 }
 
-struct Mode
-{
-    const char* namePtr;
-    int ( *functionPtr )();
+const std::map< std::string, std::function< void() > > crashes = {
+    { "segv", &segv },
+    { "abrt", &std::abort },
+    { "fpe", &fpe },
+    { "ill", [] { asm volatile( "ud2" ); } },
+    { "bus", &bus },
+    { "malloc", &insideMalloc },
+    { "two", &twoThreads },
+    { "forkedChild", &forkedChild },
+    { "overflow", [] { overflow( 0 ); } },
+    { "core", // enabled, but too small for one to be written
+      [] {
+          limitCoreFile( 1 );
+          segv();
+      } },
 };
 
-constexpr Mode modes[] = { { "return", &returnArgument },
-                           { "listen", &listen },
-                           { "throw", &throwKind },
-                           { "raise", &raiseArgument },
-                           { "interrupt", &interruptOften },
-                           { "interruptRead", &interruptRead },
-                           { "records", &showRecords },
-                           { "segv", &crash< segv > },
-                           { "abrt", &crash< std::abort > },
-                           { "fpe", &crash< fpe > },
-                           { "ill", &crash< ill > },
-                           { "bus", &crash< bus > },
-                           { "malloc", &crash< insideMalloc > },
-                           { "two", &crash< twoThreads > },
-                           { "forkedChild", &crash< forkedChild > },
-                           { "core", &crash< withCoreFile > },
-                           { "overflow", &crash< overflowStack > },
-                           { "exit", &exitFromMain },
-                           { "forkExit", &forkAndExit },
-                           { "forkSignal", &forkAndSignal } };
-
-const Mode* ourModePtr = nullptr;
+const std::map< std::string, std::function< int() > > modes = {
+    { "return", [] { return ourArgument; } },
+    { "exit", []() -> int { std::exit( ourArgument ); } },
+    { "throw", [] { return static_cast< int >( throwers[ourArgument - 1]() ); } },
+    { "listen", &listen },
+    { "raise",
+      [] {
+          Mt::SignalHandler::raise( ourArgument );
+          return listen();
+      } },
+    { "interrupt", &interruptOften },
+    { "interruptRead", &interruptRead },
+    { "records", &showRecords },
+    { "forkExit", &forkAndExit },
+    { "forkSignal", &forkAndSignal },
+};
 
 } // namespace
 
-int Nuv::main( int, char** )
+int Nuv::main( int, char** argv )
 {
-    return ourModePtr->functionPtr();
+    if ( const auto i = crashes.find( argv[2] ); i != crashes.end() )
+        i->second();
+    return modes.at( argv[2] )();
 }
 
 int main( int argc, char** argv )
 {
-    const std::string observerKind = argc > 2 ? argv[1] : "";
-    for ( const Mode& mode : modes ) {
-        if ( argc > 2 && std::strcmp( mode.namePtr, argv[2] ) == 0 )
-            ourModePtr = &mode;
-    }
-    if ( ourModePtr == nullptr )
+    if ( argc < 3 )
         return 127;
     limitCoreFile( 0 );
     ourArgument = argc > 3 ? std::atoi( argv[3] ) : 0;
-    Printer printer( observerKind );
-    if ( observerKind != "nohandler" ) {
+    Printer printer;
+    printer.myKind = argv[1];
+    if ( printer.myKind != "nohandler" ) {
         Mt::SignalHandler* const handlerPtr = Mt::SignalHandler::singletonPtr();
-        if ( observerKind != "none" )
+        if ( printer.myKind != "none" )
             handlerPtr->attach( &printer );
     }
     return Mt::startMainThread( argc, argv );
