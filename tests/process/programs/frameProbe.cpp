@@ -15,10 +15,10 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
-#include <map>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -95,18 +95,19 @@ struct Printer : Utils::Observer< Mt::SignalHandler >
     std::string myKind;
 };
 
-const Body throwers[] = { []() -> unsigned int { throw LogicException( "one" ); },
-                          []() -> unsigned int { throw std::out_of_range( "two" ); },
-                          []() -> unsigned int { throw std::bad_cast(); },
-                          []() -> unsigned int { throw std::bad_typeid(); },
-                          []() -> unsigned int { throw std::bad_exception(); },
-                          []() -> unsigned int { throw ResourceException( "six" ); },
-                          []() -> unsigned int { throw std::bad_alloc(); },
-                          []() -> unsigned int { throw RuntimeException( "eight", 0, 4 ); },
-                          []() -> unsigned int { throw std::ios_base::failure( "nine" ); },
-                          []() -> unsigned int { throw std::range_error( "ten" ); },
-                          []() -> unsigned int { throw std::bad_function_call(); },
-                          []() -> unsigned int { throw 12; } };
+constexpr unsigned int ( *throwers[] )() = {
+    []() -> unsigned int { throw LogicException( "one" ); },
+    []() -> unsigned int { throw std::out_of_range( "two" ); },
+    []() -> unsigned int { throw std::bad_cast(); },
+    []() -> unsigned int { throw std::bad_typeid(); },
+    []() -> unsigned int { throw std::bad_exception(); },
+    []() -> unsigned int { throw ResourceException( "six" ); },
+    []() -> unsigned int { throw std::bad_alloc(); },
+    []() -> unsigned int { throw RuntimeException( "eight", 0, 4 ); },
+    []() -> unsigned int { throw std::ios_base::failure( "nine" ); },
+    []() -> unsigned int { throw std::range_error( "ten" ); },
+    []() -> unsigned int { throw std::bad_function_call(); },
+    []() -> unsigned int { throw 12; } };
 
 // Each interruption is sent at once after the last one was answered: wherever the thread is then.
 int interruptOften()
@@ -132,7 +133,7 @@ int interruptOften()
         if ( ::read( answers[0], &c, 1 ) != 1 )
             return 1;
     }
-    return ::write( toThread[1], "", 1 ) == 1 ? task.result() : 1;
+    return ::write( toThread[1], "", 1 ) == 1 && task.result() == 0 ? listen() : 1;
 }
 
 // Interrupted until read() itself has been met.
@@ -268,7 +269,15 @@ int forkAndSignal()
     return status;
 }
 
-const std::map< std::string, std::function< void() > > crashes = {
+template < class Result >
+struct Mode
+{
+    const char* namePtr;
+    Result ( *functionPtr )();
+};
+
+// Arrays, which outlive the exit handlers: another thread may be using them then.
+constexpr Mode< void > crashes[] = {
     { "segv", &segv },
     { "abrt", &std::abort },
     { "fpe", &fpe },
@@ -285,7 +294,7 @@ const std::map< std::string, std::function< void() > > crashes = {
       } },
 };
 
-const std::map< std::string, std::function< int() > > modes = {
+constexpr Mode< int > modes[] = {
     { "return", [] { return ourArgument; } },
     { "exit", []() -> int { std::exit( ourArgument ); } },
     { "throw", [] { return static_cast< int >( throwers[ourArgument - 1]() ); } },
@@ -306,9 +315,16 @@ const std::map< std::string, std::function< int() > > modes = {
 
 int Nuv::main( int, char** argv )
 {
-    if ( const auto i = crashes.find( argv[2] ); i != crashes.end() )
-        i->second();
-    return modes.at( argv[2] )();
+    const std::string_view name = argv[2];
+    for ( const auto& crash : crashes ) {
+        if ( name == crash.namePtr )
+            crash.functionPtr();
+    }
+    for ( const auto& mode : modes ) {
+        if ( name == mode.namePtr )
+            return mode.functionPtr();
+    }
+    return 127;
 }
 
 int main( int argc, char** argv )
