@@ -17,6 +17,8 @@ using Nuv::LogApp::LossAccount;
 class Nuvlogd : public ToolFixture
 {
 protected:
+    void SetUp() override { NUV_SKIP_IF_SIGNALS_BREAK_THREADS(); }
+
     static constexpr const char* bigFile = "[logApp]\nenabled = true\nfileMaxSizeInK = 8192\n";
 
     static std::unique_ptr< ChildProcess > startDaemon()
