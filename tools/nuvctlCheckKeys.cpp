@@ -304,7 +304,7 @@ void LogCheck::file( const Section& section, const char* keyPtr, const std::stri
 {
     const Io::Pathname pathname( myLogDirectory, fileName );
     const Io::Pathname parent( pathname.parentStr() );
-    const std::string path = pathname.str();
+    const std::string& path = pathname.str();
     if ( fileName.empty() || !pathname.isValid() || pathname.isDirectory() ||
          ( pathname.exists() && !pathname.isFile() ) )
         section.add( keyPtr, "the drain cannot be opened: " + path + " is no regular file" );

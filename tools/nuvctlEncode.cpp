@@ -199,7 +199,7 @@ BEncoder::ItemPtr itemOf( const Json& json )
             new BEncoder::StringItem( Buffer( json.get_ref< const std::string& >() ) ) );
     if ( json.is_array() ) {
         auto* const listPtr = new BEncoder::List();
-        const BEncoder::ItemPtr itemPtr( listPtr );
+        BEncoder::ItemPtr itemPtr( listPtr );
         for ( const Json& element : json )
             listPtr->add( itemOf( element ) );
         return itemPtr;
@@ -210,7 +210,7 @@ BEncoder::ItemPtr itemOf( const Json& json )
         return BEncoder::ItemPtr(
             new BEncoder::StringItem( fromBase64( json[base64Member].get< std::string >() ) ) );
     auto* const dictionaryPtr = new BEncoder::Dictionary();
-    const BEncoder::ItemPtr itemPtr( dictionaryPtr );
+    BEncoder::ItemPtr itemPtr( dictionaryPtr );
     for ( const auto& [key, value] : json.items() )
         dictionaryPtr->set( key, itemOf( value ) );
     return itemPtr;
