@@ -215,11 +215,12 @@ TEST_F( Nuvctl, ChangedZonesComeBackAfterTheTimeOrAnInterruption )
                               "--for", sig == 0 ? "1" : "1000" },
                             {} } );
         ASSERT_TRUE( readUntil( set, "put back" ) );
-        EXPECT_EQ( severityOf( "net" ), "debug" );
-        EXPECT_EQ( severityOf( "sensor" ), "debug" );
-        EXPECT_EQ( json( { "zones" } )["severityOverride"], "debug" );
-        if ( sig != 0 )
+        if ( sig != 0 ) { // else the second may be over before the table is asked
+            EXPECT_EQ( severityOf( "net" ), "debug" );
+            EXPECT_EQ( severityOf( "sensor" ), "debug" );
+            EXPECT_EQ( json( { "zones" } )["severityOverride"], "debug" );
             set.kill( sig );
+        }
         EXPECT_EQ( set.wait().exitStatus(), 0 );
         EXPECT_EQ( json( { "zones" } ), settled );
     }
