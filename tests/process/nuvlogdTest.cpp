@@ -6,6 +6,7 @@
 #include <csignal>
 #include <map>
 #include <memory>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,27 @@ using Nuv::LogApp::LossAccount;
 class Nuvlogd : public ToolFixture
 {
 protected:
+    /// Stops the daemon where it does not hold the ring's semaphore, for which writers would wait.
+    static void stopOutsideOfTheRing( ChildProcess& daemon )
+    {
+        struct stat status;
+        const std::string keyFile = RootFixture::root( "ixoRoot/tmp/ipc/sem_IpFifo_logAppFifo" );
+        ASSERT_EQ( ::stat( keyFile.c_str(), &status ), 0 );
+        const int id = ::semget( static_cast< key_t >( status.st_ino ), 0, 0 );
+        const auto isFree = [=] { return ::semctl( id, 0, GETVAL ) == 1; };
+        EXPECT_TRUE( waitFor( [&] {
+            daemon.kill( SIGSTOP );
+            waitFor( [&] {
+                return readFile( "/proc/" + std::to_string( daemon.pid() ) + "/status" )
+                           .find( "State:\tT" ) != std::string::npos;
+            } );
+            if ( waitFor( isFree, std::chrono::milliseconds( 20 ) ) )
+                return true;
+            daemon.kill( SIGCONT );
+            return false;
+        } ) );
+    }
+
     void SetUp() override { NUV_SKIP_IF_SIGNALS_BREAK_THREADS(); }
 
     static constexpr const char* bigFile = "[logApp]\nenabled = true\nfileMaxSizeInK = 8192\n";
@@ -75,7 +97,7 @@ TEST_F( Nuvlogd, SigtermLosesNothingOfWhatTheFifoHolds )
 {
     configure( bigFile + std::string( "fifoSizeInK = 1024\n" ) );
     const auto daemonPtr = startDaemon();
-    daemonPtr->kill( SIGSTOP ); // so that everything is still in the ring
+    stopOutsideOfTheRing( *daemonPtr ); // so that everything is still in the ring
     constexpr int nbrOfLines = 400;
     std::vector< std::unique_ptr< ChildProcess > > writers;
     for ( const char* prefixPtr : { "first", "second", "third", "fourth" } )
@@ -115,7 +137,7 @@ TEST_F( Nuvlogd, LinesThatWereOverwrittenAreCountedExactly )
     ChildProcess writer( program( "logEmitter" ), emitter( 500, "line" ) );
     constexpr int nbrOfRounds = 4;
     for ( int round = 1; round <= nbrOfRounds; ++round ) {
-        daemonPtr->kill( SIGSTOP );
+        stopOutsideOfTheRing( *daemonPtr );
         EXPECT_EQ( writer.readLine(), "done" );
         daemonPtr->kill( SIGCONT );
         const auto isAccounted = [&] {
@@ -177,7 +199,7 @@ TEST_F( Nuvlogd, SuccessorOfAKilledOneLosesNothingAndRepairLeavesNothing )
     ChildProcess writer( program( "logEmitter" ), emitter( 20, "line" ) );
     EXPECT_EQ( writer.readLine(), "done" );
     EXPECT_TRUE( waitForLine( "line 19" ) ); // then it sleeps, and holds nothing
-    daemonPtr->kill( SIGSTOP );
+    stopOutsideOfTheRing( *daemonPtr );
     writer.writeInput( "more\n" );
     EXPECT_EQ( writer.readLine(), "done" );
     daemonPtr->kill( SIGKILL );
