@@ -83,7 +83,10 @@ void noteTaken( int ) {}
 void noteGiven( int ) {}
 #endif
 
-bool semOp( int operation, int semaphoreIdx, int semaphoreHandle, int flags )
+// Inlined into wait() and post(): on processors that forget the way back at every system call, each
+// frame between costs as much as the rest of them.
+[[gnu::always_inline]] inline bool semOp( int operation, int semaphoreIdx, int semaphoreHandle,
+                                          int flags )
 {
     sembuf buffer;
     buffer.sem_num = static_cast< unsigned short >( semaphoreIdx );
@@ -240,6 +243,18 @@ MasterSemaphore* masterOfDestructionPtr() noexcept
     }
 }
 
+// doSemOp() after the first attempt, which has failed with errno.
+bool doSemOpAgain( int operation, int semaphoreIdx, int semaphoreHandle, int flags )
+{
+    do {
+        if ( errno == EAGAIN )
+            ::sleep( 1 );
+        else if ( errno != EINTR )
+            return false;
+    } while ( !semOp( operation, semaphoreIdx, semaphoreHandle, flags ) );
+    return true;
+}
+
 static_assert( std::is_trivially_destructible_v< MasterSemaphore >,
                "semaphores are destroyed at exit, after function-local statics" );
 
@@ -247,13 +262,8 @@ static_assert( std::is_trivially_destructible_v< MasterSemaphore >,
 
 bool doSemOp( int operation, int semaphoreIdx, int semaphoreHandle, int flags )
 {
-    while ( !semOp( operation, semaphoreIdx, semaphoreHandle, flags ) ) {
-        if ( errno == EAGAIN )
-            ::sleep( 1 );
-        else if ( errno != EINTR )
-            return false;
-    }
-    return true;
+    return semOp( operation, semaphoreIdx, semaphoreHandle, flags ) ||
+           doSemOpAgain( operation, semaphoreIdx, semaphoreHandle, flags );
 }
 
 MasterSemaphore::Lock::~Lock()
@@ -483,7 +493,12 @@ bool Semaphore::decrementSoon()
 
 bool Semaphore::wait()
 {
-    if ( decrementAtOnce() || decrementSoon() )
+    return semOp( -1, semaphoreIdx, mySemaphoreHandle, IPC_NOWAIT ) || waitLonger();
+}
+
+bool Semaphore::waitLonger()
+{
+    if ( decrementSoon() )
         return true;
     // Claiming a record takes the master semaphore.
     std::optional< WaitMark > mark;
@@ -495,7 +510,8 @@ bool Semaphore::wait()
 
 bool Semaphore::post()
 {
-    return doSemOp( +1, semaphoreIdx, mySemaphoreHandle );
+    return semOp( +1, semaphoreIdx, mySemaphoreHandle, 0 ) ||
+           doSemOpAgain( +1, semaphoreIdx, mySemaphoreHandle, 0 );
 }
 
 bool Semaphore::peek()

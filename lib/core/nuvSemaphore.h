@@ -178,6 +178,7 @@ private:
     int removeSet();
     bool decrementAtOnce();
     bool decrementSoon();
+    bool waitLonger();
 
     Utils::SimpleStr myFileName;
     bool myCreated = false;
