@@ -3,14 +3,13 @@
 #include "nuvFileSystem.h"
 #include "nuvLogCapture.h"
 #include "nuvTestCapabilityDevice.h"
-#include "nuvTestSupport.h"
+#include "nuvTestInterprocess.h"
 #include "nuvTestThread.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <sys/ipc.h>
@@ -21,10 +20,7 @@
 #include <utility>
 
 namespace {
-NuvTest::Fault ourSemgetFault;
-NuvTest::Fault ourSemctlFault;
-NuvTest::Fault ourSemopFault;
-NuvTest::Fault ourOpenFault;
+NuvTest::Fault ourSemgetFault, ourSemctlFault, ourSemopFault, ourOpenFault;
 std::atomic< int > ourNbrOfSemops = 0;
 std::atomic< unsigned int > ourSecondsSlept = 0;
 NuvTest::CapabilityDeviceDouble* ourDevicePtr = nullptr; // if set, whose clock sleeps advance
@@ -93,77 +89,67 @@ extern "C" int __wrap_usleep( useconds_t microseconds )
 namespace Nuv::Mt {
 namespace {
 
-class SemaphoreTest : public NuvTest::RootFixture
+using NuvTest::expectFailure;
+using NuvTest::Fault;
+using SemaphorePtr = std::unique_ptr< Semaphore >;
+
+class SemaphoreTest : public NuvTest::InterprocessFixture
 {
 protected:
     ~SemaphoreTest() override
     {
-        for ( NuvTest::Fault* const faultPtr :
+        for ( Fault* const ptr :
               { &ourSemgetFault, &ourSemctlFault, &ourSemopFault, &ourOpenFault } ) {
-            faultPtr->disarm();
+            ptr->disarm();
         }
     }
 
-    static std::string keyFile( const std::string& name )
+    static SemaphorePtr make( const char* namePtr, unsigned int count = 1 )
     {
-        return root( "ixoRoot/tmp/ipc/sem_" + name );
+        return std::make_unique< Semaphore >( namePtr, count );
     }
-    static bool exists( const std::string& path ) { return ::access( path.c_str(), F_OK ) == 0; }
-    static int value( int handle, int idx ) { return ::semctl( handle, idx, GETVAL ); }
+    static int value( int handle, int idx = 0 ) { return ::semctl( handle, idx, GETVAL ); }
+    // @return count and use count
+    static std::string values( const Semaphore& semaphore )
+    {
+        return std::to_string( value( semaphore.handle() ) ) + "/" +
+               std::to_string( semaphore.useCount() );
+    }
     static void setValue( int handle, int idx, int value )
     {
         ::semctl( handle, idx, SETVAL, value );
     }
     static void removeSet( int handle ) { ASSERT_EQ( ::semctl( handle, 0, IPC_RMID ), 0 ); }
-    static key_t key( const std::string& path ) { return Io::FileSystem::ftok( path.c_str(), 1 ); }
-
-    // Sets of two semaphores in the test's namespace.
-    static int nbrOfSets()
+    // A set as others leave one, of the key file of that name (the directory itself: "").
+    static int makeSet( const std::string& name, int nbrOfSemaphores )
     {
-        std::ifstream file( "/proc/sysvipc/sem" );
-        std::string line;
-        int count = 0;
-        while ( std::getline( file, line ) ) {
-            int setKey, id, mode, nbrOfSemaphores;
-            count += std::sscanf( line.c_str(), "%d %d %o %d", &setKey, &id, &mode,
-                                  &nbrOfSemaphores ) == 4 &&
-                     nbrOfSemaphores == 2;
-        }
-        return count;
+        if ( !name.empty() )
+            NuvTest::writeFile( ipc( name ), "" );
+        return ::semget( Io::FileSystem::ftok( ipc( name ).c_str(), 1 ), nbrOfSemaphores,
+                         IPC_CREAT | IPC_EXCL | 0660 );
     }
-    // Sets of this class's semaphores: the library logs through others.
-    const int myNbrOfSetsBefore = nbrOfSets();
+    static int masterHandle()
+    {
+        return ::semget( Io::FileSystem::ftok( ipc( "" ).c_str(), 1 ), 1, 0 );
+    }
+    static int masterValue() { return value( masterHandle() ); }
+    static bool waitForWaiter( int handle )
+    {
+        return NuvTest::waitFor( [=] { return ::semctl( handle, 0, GETNCNT ) == 1; } );
+    }
+    int nbrOfNewSets() const { return nbrOfKernelObjects( "sem" ) - myNbrOfSetsBefore; }
 
-    static int masterHandle() { return ::semget( key( root( "ixoRoot/tmp/ipc" ) ), 1, 0 ); }
-    static int masterValue() { return value( masterHandle(), 0 ); }
+    const SemaphorePtr myWarmUp = make( "warmUp" ); // the master set exists from here on
+    const int myNbrOfSetsBefore = nbrOfKernelObjects( "sem" );
 };
-
-// @return text of the resource failure, "" if there was none
-template < class Action >
-std::string resourceFailure( Action&& action )
-{
-    try {
-        action();
-    } catch ( const ResourceException& exception ) {
-        return exception.what();
-    }
-    return "";
-}
-
-bool contains( const std::string& text, const std::string& part )
-{
-    return text.find( part ) != std::string::npos;
-}
 
 TEST_F( SemaphoreTest, SetHasTheDocumentedKeyOwnerModeAndValues )
 {
     const Semaphore semaphore( "a/b", 7 );
-    const std::string path = keyFile( "a-b" );
-    EXPECT_EQ( semaphore.fileName(), path );
+    EXPECT_EQ( semaphore.fileName(), ipc( "sem_a-b" ) );
     struct stat fileStatus;
-    ASSERT_EQ( ::stat( path.c_str(), &fileStatus ), 0 );
+    ASSERT_EQ( ::stat( semaphore.fileName(), &fileStatus ), 0 );
     EXPECT_EQ( fileStatus.st_mode & 07777, 0660u );
-
     semid_ds setStatus;
     ASSERT_EQ( ::semget( static_cast< key_t >( fileStatus.st_ino ), 2, 0 ), semaphore.handle() );
     ASSERT_EQ( ::semctl( semaphore.handle(), 0, IPC_STAT, &setStatus ), 0 );
@@ -171,49 +157,44 @@ TEST_F( SemaphoreTest, SetHasTheDocumentedKeyOwnerModeAndValues )
     EXPECT_EQ( setStatus.sem_perm.uid, ::geteuid() );
     EXPECT_EQ( setStatus.sem_perm.gid, ::getegid() );
     EXPECT_EQ( setStatus.sem_nsems, 2u );
-    EXPECT_EQ( value( semaphore.handle(), 0 ), 7 );
-    EXPECT_EQ( value( semaphore.handle(), 1 ), 1 );
+    EXPECT_EQ( values( semaphore ), "7/1" );
     EXPECT_EQ( masterValue(), 1 );
 }
 
 TEST_F( SemaphoreTest, UsersShareOneSetAndTheLastRemovesIt )
 {
-    auto firstPtr = std::make_unique< Semaphore >( "shared", 2 );
-    auto secondPtr = std::make_unique< Semaphore >( "shared", 9 );
-    EXPECT_TRUE( firstPtr->isCreated() );
-    EXPECT_FALSE( secondPtr->isCreated() );
+    SemaphorePtr firstPtr = make( "shared", 2 );
+    SemaphorePtr secondPtr = make( "shared", 9 );
+    EXPECT_TRUE( firstPtr->isCreated() && !secondPtr->isCreated() );
     EXPECT_EQ( secondPtr->handle(), firstPtr->handle() );
-    EXPECT_EQ( secondPtr->useCount(), 2 );
-    EXPECT_TRUE( firstPtr->wait() );
-    EXPECT_TRUE( secondPtr->peek() );
-    EXPECT_FALSE( firstPtr->peek() ) << "the second initial count was not ignored";
+    EXPECT_EQ( values( *secondPtr ), "2/2" );
+    EXPECT_TRUE( firstPtr->wait() && secondPtr->peek() );
+    EXPECT_FALSE( firstPtr->peek() );
     firstPtr.reset();
-    EXPECT_EQ( secondPtr->useCount(), 1 );
-    EXPECT_TRUE( exists( keyFile( "shared" ) ) );
+    EXPECT_EQ( values( *secondPtr ), "0/1" );
+    EXPECT_TRUE( exists( "sem_shared" ) );
     secondPtr.reset();
-    EXPECT_FALSE( exists( keyFile( "shared" ) ) );
-    EXPECT_EQ( nbrOfSets(), myNbrOfSetsBefore );
+    EXPECT_FALSE( exists( "sem_shared" ) );
+    EXPECT_EQ( nbrOfNewSets(), 0 );
 }
 
 TEST_F( SemaphoreTest, TimedPeekTriesOnceOrUntilItsTimeHasPassed )
 {
     Semaphore semaphore( "peeked", 0 );
-    ourNbrOfSemops = 0;
-    EXPECT_FALSE( semaphore.peek( 0 ) );
-    EXPECT_EQ( ourNbrOfSemops, 1 );
     {
         NuvTest::CapabilityDeviceDouble device;
         ourDevicePtr = &device;
         ourNbrOfSemops = 0;
+        EXPECT_FALSE( semaphore.peek( 0 ) );
+        EXPECT_EQ( ourNbrOfSemops, 1 );
         EXPECT_FALSE( semaphore.peek( 5 ) );
-        EXPECT_EQ( ourNbrOfSemops, 6 ); // at 0, 1 ... 5 ms
+        EXPECT_EQ( ourNbrOfSemops, 1 + 6 ); // at 0, 1 ... 5 ms
         EXPECT_EQ( ourClockMs, 5u );
         ourDevicePtr = nullptr;
     }
-
     std::thread poster = NuvTest::startThread( [&] {
         NuvTest::waitFor(
-            [nbrBefore = ourNbrOfSemops.load()] { return ourNbrOfSemops > nbrBefore + 3; } );
+            [before = ourNbrOfSemops.load()] { return ourNbrOfSemops > before + 3; } );
         semaphore.post();
     } );
     EXPECT_TRUE( semaphore.peek( Semaphore::infinite ) );
@@ -226,6 +207,10 @@ TEST_F( SemaphoreTest, InterruptionsAreRepeatedAndOtherFailuresReported )
 {
     WaitMark( WaitKind::events ); // this thread has a record from here on
     Semaphore semaphore( "interrupted", 1 );
+    const auto peek = [&] { return semaphore.peek(); };
+    const auto timedPeek = [&] { return semaphore.peek( 1000 ); };
+    const auto post = [&] { return semaphore.post(); };
+    const auto wait = [&] { return semaphore.wait(); };
     const struct
     {
         const char* namePtr;
@@ -235,71 +220,64 @@ TEST_F( SemaphoreTest, InterruptionsAreRepeatedAndOtherFailuresReported )
         int nbrOfSemops;
         unsigned int secondsSlept;
     } cases[] = {
-        { "peek", [&] { return semaphore.peek(); }, EINTR, true, 2, 0 },
-        { "peek", [&] { return semaphore.peek(); }, EFBIG, false, 1, 0 },
-        { "timed peek", [&] { return semaphore.peek( 1000 ); }, EINTR, true, 2, 0 },
-        { "timed peek", [&] { return semaphore.peek( 1000 ); }, EFBIG, false, 1, 0 },
-        { "post", [&] { return semaphore.post(); }, EINTR, true, 2, 0 },
-        { "post", [&] { return semaphore.post(); }, EAGAIN, true, 2, 1 },
-        { "post", [&] { return semaphore.post(); }, EIDRM, false, 1, 0 },
-        { "wait", [&] { return semaphore.wait(); }, EINTR, true, 2, 0 },
-        { "wait", [&] { return semaphore.wait(); }, EAGAIN, true, 2, 0 },
+        { "peek", peek, EINTR, true, 2, 0 },
+        { "peek, other", peek, EFBIG, false, 1, 0 },
+        { "timed peek", timedPeek, EINTR, true, 2, 0 },
+        { "timed peek, other", timedPeek, EFBIG, false, 1, 0 },
+        { "post", post, EINTR, true, 2, 0 },
+        { "post, unavailable", post, EAGAIN, true, 2, 1 },
+        { "post, removed", post, EIDRM, false, 1, 0 },
+        { "wait", wait, EINTR, true, 2, 0 },
+        { "wait, unavailable", wait, EAGAIN, true, 2, 0 },
+        { "free", [&] { return post() && wait(); }, 0, true, 2, 0 }, // no call fails
     };
     for ( const auto& row : cases ) {
-        SCOPED_TRACE( std::string( row.namePtr ) + " " + std::to_string( row.errorNbr ) );
+        SCOPED_TRACE( row.namePtr );
         setValue( semaphore.handle(), 0, 1 );
         ourNbrOfSemops = 0;
         ourSecondsSlept = 0;
-        ourSemopFault.arm( 1, row.errorNbr );
+        if ( row.errorNbr != 0 )
+            ourSemopFault.arm( 1, row.errorNbr );
         EXPECT_EQ( row.operation(), row.result );
         EXPECT_EQ( ourNbrOfSemops, row.nbrOfSemops );
         EXPECT_EQ( ourSecondsSlept, row.secondsSlept );
         ourSemopFault.disarm();
     }
-    setValue( semaphore.handle(), 0, 1 );
-    ourNbrOfSemops = 0;
-    EXPECT_TRUE( semaphore.wait() && semaphore.post() );
-    EXPECT_EQ( ourNbrOfSemops, 2 ) << "a pair on a free semaphore is two calls";
 }
 
-TEST_F( SemaphoreTest, WaitBlocksUntilPosted )
+TEST_F( SemaphoreTest, WaitsBlockUntilWhatTheyWaitForIsGivenBack )
 {
     Semaphore semaphore( "blocking", 0 );
-    std::atomic< bool > isTaken = false;
-    std::thread waiter = NuvTest::startThread( [&] {
-        semaphore.wait();
-        isTaken = true;
-    } );
-    EXPECT_TRUE(
-        NuvTest::waitFor( [&] { return ::semctl( semaphore.handle(), 0, GETNCNT ) == 1; } ) );
-    EXPECT_FALSE( isTaken );
-    EXPECT_TRUE( semaphore.post() );
-    waiter.join();
-    EXPECT_EQ( value( semaphore.handle(), 0 ), 0 );
-}
-
-TEST_F( SemaphoreTest, ConstructionAndDestructionWaitForTheMasterSemaphore )
-{
-    Semaphore( "warmUp", 1 );
+    SemaphorePtr destroyedPtr = make( "destroyed" );
     MasterSemaphore master;
-    for ( const bool isConstruction : { true, false } ) {
-        SCOPED_TRACE( isConstruction );
-        auto semaphorePtr = std::make_unique< Semaphore >( "waiting", 1 );
+    const struct
+    {
+        const char* namePtr;
+        std::function< void() > operation;
+        bool isForMaster;
+    } cases[] = {
+        { "wait", [&] { semaphore.wait(); }, false },
+        { "construction", [] { EXPECT_TRUE( make( "other" )->isCreated() ); }, true },
+        { "destruction", [&] { destroyedPtr.reset(); }, true },
+    };
+    for ( const auto& row : cases ) {
+        SCOPED_TRACE( row.namePtr );
         MasterSemaphore::Lock lock;
-        master.acquire( &lock );
+        if ( row.isForMaster )
+            master.acquire( &lock );
         std::atomic< bool > isOver = false;
-        std::thread other = NuvTest::startThread( [&] {
-            if ( isConstruction )
-                EXPECT_EQ( Semaphore( "other", 3 ).useCount(), 1 );
-            else
-                semaphorePtr.reset();
+        std::thread waiter = NuvTest::startThread( [&] {
+            row.operation();
             isOver = true;
         } );
-        EXPECT_TRUE( NuvTest::waitFor(
-            [&] { return ::semctl( masterHandle(), 0, GETNCNT ) == 1 || isOver; } ) );
+        EXPECT_TRUE( waitForWaiter( row.isForMaster ? masterHandle() : semaphore.handle() ) );
         EXPECT_FALSE( isOver );
-        lock.unlock();
-        other.join();
+        if ( row.isForMaster )
+            lock.unlock();
+        else
+            EXPECT_TRUE( semaphore.post() );
+        waiter.join();
+        EXPECT_EQ( value( semaphore.handle() ), 0 );
         EXPECT_EQ( masterValue(), 1 );
     }
 }
@@ -309,19 +287,18 @@ TEST_F( SemaphoreTest, FailedWaitIsAResourceFailure )
     Semaphore none;
     Semaphore removed( "removed", 0 );
     std::thread remover = NuvTest::startThread( [&] {
-        NuvTest::waitFor( [&] { return ::semctl( removed.handle(), 0, GETNCNT ) == 1; } );
+        waitForWaiter( removed.handle() );
         removeSet( removed.handle() );
     } );
     const std::string text = "failed: doSemOp( -1, semaphoreIdx, mySemaphoreHandle ),  ";
-    EXPECT_TRUE(
-        contains( resourceFailure( [&] { removed.wait(); } ), text + "Identifier removed" ) );
+    expectFailure( text + "Identifier removed", [&] { removed.wait(); } );
     remover.join();
-    EXPECT_TRUE( contains( resourceFailure( [&] { removed.wait(); } ), text ) );
-    EXPECT_TRUE( contains( resourceFailure( [&] { none.wait(); } ), text ) );
-    EXPECT_TRUE( contains( resourceFailure( [&] { SemaphoreLock lock( &none ); } ), text ) );
     for ( Semaphore* const semaphorePtr : { &none, &removed } ) {
-        EXPECT_FALSE( semaphorePtr->post() );
-        EXPECT_FALSE( semaphorePtr->peek() );
+        expectFailure( text, [&] { semaphorePtr->wait(); } );
+        expectFailure( text, [&] { SemaphoreLock lock( semaphorePtr ); } );
+        SemaphoreLock lock( semaphorePtr, SemaphoreLock::stateUnlocked );
+        EXPECT_FALSE( lock.lockOrLog() ); // and its destructor has nothing to give back
+        EXPECT_FALSE( semaphorePtr->post() || semaphorePtr->peek() );
         EXPECT_EQ( semaphorePtr->useCount(), 0 );
     }
     EXPECT_EQ( none.handle(), -1 );
@@ -331,23 +308,14 @@ TEST_F( SemaphoreTest, FailedWaitIsAResourceFailure )
 TEST_F( SemaphoreTest, LockFollowsItsTableOfStates )
 {
     Semaphore semaphore( "locked", 1 );
-    const auto count = [&] { return value( semaphore.handle(), 0 ); };
-    try {
-        SemaphoreLock lock( nullptr );
-        ADD_FAILURE() << "no exception";
-    } catch ( const LogicException& exception ) {
-        EXPECT_TRUE( contains( exception.what(), "failed: mySemaPtr != NULL (" ) );
-    }
+    const auto count = [&] { return value( semaphore.handle() ); };
+    expectFailure( "failed: mySemaPtr != NULL (", [] { SemaphoreLock lock( nullptr ); } );
     {
         const SemaphoreLock lock( &semaphore );
         EXPECT_EQ( count(), 0 );
-        {
-            SemaphoreLock late( &semaphore, SemaphoreLock::stateUnlocked );
-            EXPECT_FALSE( late.lock( 2 ) );
-        }
+        EXPECT_FALSE( SemaphoreLock( &semaphore, SemaphoreLock::stateUnlocked ).lock( 2 ) );
         EXPECT_EQ( count(), 0 ) << "a lock that timed out has posted";
     }
-    EXPECT_EQ( count(), 1 );
     {
         SemaphoreLock lock( &semaphore, SemaphoreLock::stateUnlocked );
         EXPECT_EQ( count(), 1 );
@@ -358,163 +326,121 @@ TEST_F( SemaphoreTest, LockFollowsItsTableOfStates )
         EXPECT_TRUE( lock.lock() );
     }
     EXPECT_EQ( count(), 1 );
-    removeSet( semaphore.handle() );
-    SemaphoreLock lock( &semaphore, SemaphoreLock::stateUnlocked );
-    EXPECT_FALSE( lock.lockOrLog() ); // and the destructor has nothing to give back
 }
 
 TEST_F( SemaphoreTest, ExtremeCounts )
 {
-    EXPECT_THROW( Semaphore( "counts", Semaphore::maxCount + 1 ), LogicException );
-    EXPECT_FALSE( exists( keyFile( "counts" ) ) );
-    Semaphore semaphore( "counts", Semaphore::maxCount );
+    expectFailure( "failed: initialCount <= maxCount", [] { make( "counts", 32768 ); } );
+    EXPECT_FALSE( exists( "sem_counts" ) );
+    Semaphore semaphore( "counts", 32767 );
     EXPECT_FALSE( semaphore.post() );
-    EXPECT_TRUE( semaphore.peek() );
-    EXPECT_TRUE( semaphore.post() );
+    EXPECT_TRUE( semaphore.peek() && semaphore.post() );
     setValue( semaphore.handle(), Semaphore::useCountIdx, 32767 );
-    EXPECT_TRUE( contains( resourceFailure( [] { Semaphore( "counts", 1 ); } ),
-                           "failed: mySemaphoreHandle >= 0,  " ) );
+    expectFailure( "failed: mySemaphoreHandle >= 0,  ", [] { make( "counts" ); } );
     setValue( semaphore.handle(), Semaphore::useCountIdx, 1 );
 }
 
-TEST_F( SemaphoreTest, SetThatNobodyUsesIsMadeAnew )
+TEST_F( SemaphoreTest, WhatOthersHaveLeftIsJoinedMadeAnewOrRefused )
 {
-    // As left by a creator that was killed after the first call, and by a last user before the
-    // last.
+    // Of use count 0: by a creator killed after its first call, by a last user before its last one.
     for ( const int count : { 0, 5 } ) {
-        SCOPED_TRACE( count );
-        NuvTest::writeFile( keyFile( "halfMade" ), "" );
-        const int handle = ::semget( key( keyFile( "halfMade" ) ), 2, IPC_CREAT | IPC_EXCL | 0660 );
+        const int handle = makeSet( "sem_nobodys", 2 );
         setValue( handle, 0, count );
-        const Semaphore semaphore( "halfMade", 3 );
+        const Semaphore semaphore( "nobodys", 3 );
         EXPECT_EQ( semaphore.handle(), handle );
         EXPECT_TRUE( semaphore.isCreated() );
-        EXPECT_EQ( value( handle, 0 ), 3 );
-        EXPECT_EQ( semaphore.useCount(), 1 );
+        EXPECT_EQ( values( semaphore ), "3/1" );
     }
-    EXPECT_EQ( nbrOfSets(), myNbrOfSetsBefore );
-}
-
-TEST_F( SemaphoreTest, KilledUserLeavesItsUseToTheNext )
-{
-    const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-        static Semaphore* const leftPtr = new Semaphore( "killed", 1 );
-        leftPtr->wait();
-        ::_exit( 0 );
-    } );
-    ASSERT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-    Semaphore semaphore( "killed", 1 );
-    EXPECT_FALSE( semaphore.isCreated() );
-    EXPECT_FALSE( semaphore.peek() );
-    EXPECT_EQ( semaphore.useCount(), 2 );
-    setValue( semaphore.handle(), Semaphore::useCountIdx, 0 ); // must not hold the destructor
+    // By a user that was killed.
+    setValue( makeSet( "sem_killed", 2 ), Semaphore::useCountIdx, 1 );
+    {
+        const Semaphore semaphore( "killed", 1 );
+        EXPECT_FALSE( semaphore.isCreated() );
+        EXPECT_EQ( values( semaphore ), "0/2" );
+        setValue( semaphore.handle(), Semaphore::useCountIdx, 0 ); // must not hold the destructor
+    }
+    const int foreign = makeSet( "sem_foreign", 1 );
+    expectFailure( "failed: mySemaphoreHandle >= 0,  Invalid argument", [] { make( "foreign" ); } );
+    removeSet( foreign );
+    EXPECT_EQ( nbrOfNewSets(), 0 );
 }
 
 TEST_F( SemaphoreTest, SetRemovedUnderItsUserTakesOnlyItsOwnFilesAlong )
 {
-    auto oldPtr = std::make_unique< Semaphore >( "removed", 1 );
+    SemaphorePtr oldPtr = make( "removed" );
     removeSet( oldPtr->handle() );
-    const Semaphore semaphore( "removed", 1 ); // a new set of the same key file
-    EXPECT_TRUE( semaphore.isCreated() );
+    SemaphorePtr freshPtr = make( "removed" ); // a new set of the same key file
+    EXPECT_TRUE( freshPtr->isCreated() );
     oldPtr.reset();
-    EXPECT_TRUE( exists( keyFile( "removed" ) ) );
-    EXPECT_EQ( semaphore.useCount(), 1 );
+    EXPECT_TRUE( exists( "sem_removed" ) );
+    EXPECT_EQ( values( *freshPtr ), "1/1" );
+    NuvTest::writeFile( ipc( "companion" ), "" );
+    freshPtr->companionFileName( ipc( "companion" ).c_str() );
+    removeSet( freshPtr->handle() );
+    freshPtr.reset();
+    EXPECT_FALSE( exists( "sem_removed" ) || exists( "companion" ) );
 
-    auto lonePtr = std::make_unique< Semaphore >( "lone", 1 );
-    NuvTest::writeFile( root( "companion" ), "" );
-    lonePtr->companionFileName( root( "companion" ).c_str() );
-    removeSet( lonePtr->handle() );
-    lonePtr.reset();
-    EXPECT_FALSE( exists( keyFile( "lone" ) ) );
-    EXPECT_FALSE( exists( root( "companion" ) ) );
-}
-
-TEST_F( SemaphoreTest, SetRemovedBetweenCreationAndOpeningIsMadeAnew )
-{
-    auto oldPtr = std::make_unique< Semaphore >( "raced", 1 );
+    oldPtr = make( "raced" ); // removed between the next one's creation and opening
     ourBeforeSemget = [&] { removeSet( oldPtr->handle() ); };
-    const Semaphore semaphore( "raced", 4 );
-    EXPECT_TRUE( semaphore.isCreated() );
-    EXPECT_EQ( value( semaphore.handle(), 0 ), 4 );
-    oldPtr.reset();
-}
-
-TEST_F( SemaphoreTest, ForeignSetOfAnotherShapeIsAResourceFailure )
-{
-    NuvTest::writeFile( keyFile( "foreign" ), "" );
-    const int handle = ::semget( key( keyFile( "foreign" ) ), 1, IPC_CREAT | IPC_EXCL | 0660 );
-    EXPECT_TRUE( contains( resourceFailure( [] { Semaphore( "foreign", 1 ); } ),
-                           "failed: mySemaphoreHandle >= 0,  Invalid argument" ) );
-    removeSet( handle );
+    const Semaphore raced( "raced", 4 );
+    EXPECT_TRUE( raced.isCreated() );
+    EXPECT_EQ( values( raced ), "4/1" );
 }
 
 TEST_F( SemaphoreTest, RemovalThatIsRefusedIsTriedOnceMoreWithTheCapability )
 {
     NuvTest::CapabilityDeviceDouble device;
-    const Log::Capture capture;
-    const auto message = [&]( int errorNbr ) {
-        return "errSystemError could not remove " + keyFile( "refused" ) + " errno " +
-               std::to_string( errorNbr );
+    const std::string text = "errSystemError could not remove " + ipc( "sem_refused" ) + " errno ";
+    const struct
+    {
+        int errorNbr;
+        Fault::Kind kind;
+        bool hasDevice;
+        int nbrOfStrikes;
+        bool isRemoved;
+    } cases[] = {
+        { EPERM, Fault::once, true, 1, true },
+        { EPERM, Fault::forGood, true, 2, false },
+        { EPERM, Fault::forGood, false, 1, false },
+        { EINVAL, Fault::forGood, true, 1, false },
     };
-    for ( const int nbrOfRefusals : { 1, 2 } ) {
-        SCOPED_TRACE( nbrOfRefusals );
-        auto semaphorePtr = std::make_unique< Semaphore >( "refused", 1 );
+    for ( const auto& row : cases ) {
+        SCOPED_TRACE( &row - cases );
+        const Log::Capture capture;
+        device.setOpen( row.hasDevice );
+        SemaphorePtr semaphorePtr = make( "refused" );
         const int handle = semaphorePtr->handle();
-        ourSemctlFault.arm( 1, EPERM,
-                            nbrOfRefusals == 1 ? NuvTest::Fault::once : NuvTest::Fault::forGood );
+        ourSemctlFault.arm( 1, row.errorNbr, row.kind );
         semaphorePtr.reset();
-        EXPECT_EQ( ourSemctlFault.nbrOfStrikes(), nbrOfRefusals );
+        EXPECT_EQ( ourSemctlFault.nbrOfStrikes(), row.nbrOfStrikes );
         ourSemctlFault.disarm();
-        EXPECT_FALSE( exists( keyFile( "refused" ) ) ) << "in every case";
-        EXPECT_EQ( capture.contains( message( EPERM ) ), nbrOfRefusals == 2 );
-        EXPECT_EQ( nbrOfSets(), myNbrOfSetsBefore + nbrOfRefusals - 1 );
-        if ( nbrOfRefusals == 2 )
-            removeSet( handle );
+        EXPECT_EQ( capture.contains( text + std::to_string( row.errorNbr ) ), !row.isRemoved );
+        EXPECT_EQ( ::semctl( handle, 0, IPC_RMID ) != 0, row.isRemoved );
+        EXPECT_EQ( exists( "sem_refused" ), row.errorNbr == EINVAL ) << "the set may be another's";
     }
-    auto removedPtr = std::make_unique< Semaphore >( "refused", 1 );
-    removeSet( removedPtr->handle() );
-    removedPtr.reset();
-    EXPECT_TRUE( capture.contains( message( EINVAL ) ) );
-    device.setOpen( false );
-    auto semaphorePtr = std::make_unique< Semaphore >( "refused", 1 );
-    const int handle = semaphorePtr->handle();
-    ourSemctlFault.arm( 1, EPERM, NuvTest::Fault::forGood );
-    semaphorePtr.reset();
-    EXPECT_EQ( ourSemctlFault.nbrOfStrikes(), 1 ) << "tried again without the capability";
-    ourSemctlFault.disarm();
-    removeSet( handle );
 }
 
 TEST_F( SemaphoreTest, FailedCallsLeaveNothingBehindAndNothingLocked )
 {
-    Semaphore( "warmUp", 1 ); // the master semaphore's objects exist from here on
-    const struct
-    {
-        const char* callPtr;
-        NuvTest::Fault* faultPtr;
-        int errorNbr;
-    } cases[] = {
-        { "open", &ourOpenFault, EACCES },     { "semget", &ourSemgetFault, ENOSPC },
-        { "semget", &ourSemgetFault, ENOMEM }, { "semctl", &ourSemctlFault, EPERM },
-        { "semop", &ourSemopFault, EFBIG },
+    const std::pair< Fault*, int > cases[] = {
+        { &ourOpenFault, EACCES },  { &ourSemgetFault, ENOSPC }, { &ourSemgetFault, ENOMEM },
+        { &ourSemctlFault, EPERM }, { &ourSemopFault, EFBIG },
     };
-    for ( const auto& row : cases ) {
-        bool isStruck = true;
-        for ( int n = 1; isStruck; ++n ) {
-            SCOPED_TRACE( row.callPtr + std::to_string( n ) );
-            std::unique_ptr< Semaphore > semaphorePtr;
-            row.faultPtr->arm( n, row.errorNbr );
-            const std::string text = resourceFailure(
-                [&] { semaphorePtr = std::make_unique< Semaphore >( "faulty", 1 ); } );
-            isStruck = row.faultPtr->nbrOfStrikes() != 0;
-            row.faultPtr->disarm();
-            EXPECT_TRUE( semaphorePtr != nullptr ||
-                         contains( text, std::strerror( row.errorNbr ) ) )
-                << text;
+    for ( const auto& [faultPtr, errorNbr] : cases ) {
+        for ( int n = 1; n == 1 || faultPtr->nbrOfStrikes() != 0; ++n ) {
+            SCOPED_TRACE( std::to_string( errorNbr ) + " in call " + std::to_string( n ) );
+            SemaphorePtr semaphorePtr;
+            faultPtr->arm( n, errorNbr );
+            try {
+                semaphorePtr = make( "faulty" );
+            } catch ( const ResourceException& exception ) {
+                EXPECT_NE( std::strstr( exception.what(), std::strerror( errorNbr ) ), nullptr );
+            }
+            faultPtr->disarm();
             if ( masterValue() == 0 ) // the post itself was made to fail
                 setValue( masterHandle(), 0, 1 );
             semaphorePtr.reset();
-            EXPECT_EQ( nbrOfSets(), myNbrOfSetsBefore );
+            EXPECT_EQ( nbrOfNewSets(), 0 );
             EXPECT_EQ( masterValue(), 1 );
             ASSERT_LT( n, 20 );
         }
@@ -523,27 +449,26 @@ TEST_F( SemaphoreTest, FailedCallsLeaveNothingBehindAndNothingLocked )
 
 TEST_F( SemaphoreTest, MasterSetIsCompletedWhenItsCreatorWasKilled )
 {
-    const std::string directory = root( "ixoRoot/tmp/ipc" );
-    const Semaphore outer( "outer", 1 ); // whose objects know the old master set
     removeSet( masterHandle() );
-    const int handle = ::semget( key( directory ), 1, IPC_CREAT | IPC_EXCL | 0660 );
+    const int handle = makeSet( "", 1 );
     MasterSemaphore master;
     EXPECT_EQ( master.handle(), handle );
     EXPECT_EQ( masterValue(), 1 );
     {
         MasterSemaphore::Lock lock;
+        lock.lock(); // without a semaphore yet
+        EXPECT_FALSE( lock.isHeld() || MasterSemaphore::isHeldByThisThread() );
         master.acquire( &lock );
         EXPECT_TRUE( lock.isHeld() && MasterSemaphore::isHeldByThisThread() );
-        EXPECT_EQ( masterValue(), 0 );
-        const MasterSemaphore other; // taken is not half-made
+        const MasterSemaphore other; // what is taken is not half-made
         EXPECT_EQ( masterValue(), 0 );
         lock.unlock();
         EXPECT_EQ( masterValue(), 1 );
         EXPECT_FALSE( MasterSemaphore::isHeldByThisThread() );
         lock.lock();
+        EXPECT_EQ( masterValue(), 0 );
     }
-    EXPECT_EQ( masterValue(), 1 );
-    const Semaphore afterwards( "afterwards", 1 ); // finds the new set
+    make( "afterwards" ); // whose object of the master semaphore knows the old set
     EXPECT_EQ( masterValue(), 1 );
 }
 
@@ -553,32 +478,20 @@ TEST_F( SemaphoreTest, LockPostsOnlyTheMasterSetThatItTook )
     MasterSemaphore::Lock lock;
     master.acquire( &lock );
     removeSet( masterHandle() );
-    MasterSemaphore::Lock fresh; // opens, or makes, a set anew
-    master.acquire( &fresh );
+    EXPECT_TRUE( master.wait() ) << "a removed set is opened, or made, anew";
     EXPECT_EQ( masterValue(), 0 );
     lock.unlock();
     EXPECT_EQ( masterValue(), 0 );
-    fresh.unlock();
-    EXPECT_EQ( masterValue(), 1 );
-    removeSet( masterHandle() );
-    EXPECT_TRUE( master.wait() );
-    EXPECT_EQ( masterValue(), 0 );
     EXPECT_TRUE( master.post() );
-    MasterSemaphore::Lock idle;
-    idle.lock(); // without a semaphore
-    EXPECT_FALSE( idle.isHeld() );
     EXPECT_EQ( masterValue(), 1 );
 }
 
 TEST_F( SemaphoreTest, MissingDirectoryIsAResourceFailure )
 {
-    const Semaphore before( "before", 1 );
     const std::string directory = root( "ixoRoot/tmp/ipc" );
     ASSERT_EQ( ::rename( directory.c_str(), ( directory + "2" ).c_str() ), 0 );
-    EXPECT_TRUE( contains( resourceFailure( [] { MasterSemaphore(); } ),
-                           "failed: myHandle >= 0,  No such file" ) );
-    EXPECT_TRUE( contains( resourceFailure( [] { Semaphore( "x", 1 ); } ),
-                           "failed: semaphoreFileHandle.isValid(),  No such file" ) );
+    expectFailure( "failed: myHandle >= 0,  No such file", [] { MasterSemaphore(); } );
+    expectFailure( "failed: semaphoreFileHandle.isValid(),  No such file", [] { make( "x" ); } );
     ASSERT_EQ( ::rename( ( directory + "2" ).c_str(), directory.c_str() ), 0 );
     EXPECT_EQ( masterValue(), 1 );
 }
