@@ -1,6 +1,6 @@
 #include "nuvEvent.h"
 
-#include "nuvTestSupport.h"
+#include "nuvTestInterprocess.h"
 #include "nuvTestThread.h"
 
 #include <algorithm>
@@ -16,11 +16,8 @@
 
 namespace {
 NuvTest::Fault ourFault; // in the calls below
-std::atomic< int > ourNbrOfPolls = 0;
+std::atomic< int > ourNbrOfPolls = 0, ourNbrOfReads = 0, ourNbrOfPipes = 0, ourNbrOfWrites = 0;
 int ourPassedTimeoutMs = -2; // of a poll whose time has passed
-std::atomic< int > ourNbrOfReads = 0;
-std::atomic< int > ourNbrOfPipes = 0;
-std::atomic< int > ourNbrOfWrites = 0;
 thread_local int ourNbrOfAllocations = 0;
 } // namespace
 
@@ -86,44 +83,46 @@ extern "C" void* NUV_NEW( __wrap_ )( size_t nbrOfBytes )
 namespace Nuv::Mt {
 namespace {
 
-class EventTest : public NuvTest::RootFixture
+using Events = std::vector< Event* >;
+using EventPtr = std::unique_ptr< Event >;
+using MultiWait = std::unique_ptr< WaitEventImpl >;
+
+int waitOn( const Events& events, unsigned int timeoutMs )
+{
+    return MultiEvent::waitOnEvents( events, timeoutMs );
+}
+
+class EventTest : public NuvTest::InterprocessFixture
 {
 protected:
     ~EventTest() override { ourFault.disarm(); }
 
-    static std::string fifo( const std::string& name )
-    {
-        return root( "ixoRoot/tmp/ipc/evt_" + name );
-    }
-    static bool exists( const std::string& path ) { return ::access( path.c_str(), F_OK ) == 0; }
     static std::ptrdiff_t nbrOfDescriptors()
     {
         return std::distance( std::filesystem::directory_iterator( "/proc/self/fd" ), {} );
     }
+    // Runs the action when a thread of this process polls; a wait on non-named events shows itself
+    // to nobody: then the action comes soon or late.
+    template < class Action >
+    static std::thread whenWaitedFor( Action action )
+    {
+        return NuvTest::startThread( [action, before = ourNbrOfPolls.load()] {
+            NuvTest::waitFor( [=] { return ourNbrOfPolls > before; },
+                              std::chrono::milliseconds( 20 ) );
+            action();
+        } );
+    }
+
+    Event a, b, c;
+    Event x{ "x" }, y{ "y" }, z{ "z" };
 };
-
-using Events = std::vector< Event* >;
-
-// Runs the action when a thread of this process waits on the event.
-template < class Action >
-std::thread whenWaitedFor( Action action )
-{
-    return NuvTest::startThread( [action, nbrBefore = ourNbrOfPolls.load()] {
-        // A wait on non-named events shows itself to nobody; then the action comes soon or late.
-        NuvTest::waitFor( [=] { return ourNbrOfPolls > nbrBefore; },
-                          std::chrono::milliseconds( 30 ) );
-        action();
-    } );
-}
 
 TEST_F( EventTest, SignalStaysUntilOneWaitTakesIt )
 {
-    Event nonNamed;
-    Event named( "sticky" );
-    Event sameNamed( "sticky" );
-    for ( Event* const eventPtr : { &nonNamed, &named } ) {
-        Event& other = eventPtr == &named ? sameNamed : *eventPtr;
-        SCOPED_TRACE( eventPtr->isNamed() ? "named" : "non-named" );
+    Event sameAsX( "x" );
+    for ( Event* const eventPtr : { &a, &x } ) {
+        Event& other = eventPtr == &x ? sameAsX : a;
+        SCOPED_TRACE( eventPtr->isNamed() );
         EXPECT_FALSE( eventPtr->wait( 0 ) );
         for ( const int nbrOfSignals : { 1, 3, 10, 512, 1024, 1025 } ) {
             for ( int i = 0; i < nbrOfSignals; ++i ) {
@@ -141,82 +140,67 @@ TEST_F( EventTest, SignalStaysUntilOneWaitTakesIt )
         eventPtr->signal();
         EXPECT_TRUE( eventPtr->wait( Event::infinite ) );
     }
-    EXPECT_EQ( sameNamed.nbrOfSignalsTaken() + named.nbrOfSignalsTaken(), 2575u + 3 );
-    EXPECT_EQ( nonNamed.readFd(), -1 );
-}
+    EXPECT_EQ( x.nbrOfSignalsTaken() + sameAsX.nbrOfSignalsTaken(), 2575u + 3 );
+    EXPECT_EQ( a.readFd(), -1 );
 
-TEST_F( EventTest, FullFifoDropsSignalsAndStaysPending )
-{
-    Event event( "full" );
-    const int capacity = ::fcntl( event.readFd(), F_GETPIPE_SZ );
+    const int capacity = ::fcntl( y.readFd(), F_GETPIPE_SZ );
     for ( int i = 0; i < capacity + 10; ++i ) {
-        event.signal();
+        y.signal(); // a full FIFO drops signals and stays pending
     }
-    EXPECT_TRUE( event.wait( 0 ) );
-    EXPECT_EQ( event.nbrOfSignalsTaken(), static_cast< unsigned int >( capacity ) );
-    EXPECT_FALSE( event.wait( 0 ) );
+    EXPECT_TRUE( y.wait( 0 ) );
+    EXPECT_EQ( y.nbrOfSignalsTaken(), static_cast< unsigned int >( capacity ) );
 }
 
 TEST_F( EventTest, FirstPendingOfTheListFiresAndTheOthersStay )
 {
-    Event a, b, c;
-    Event x( "x" ), y( "y" ), z( "z" );
-    std::vector< std::unique_ptr< Event > > many;
-    Events manyPtrs;
+    std::vector< EventPtr > owned;
+    Events many;
     for ( int i = 0; i < 20; ++i ) {
-        many.push_back( i % 2 == 0 ? std::make_unique< Event >()
-                                   : std::make_unique< Event >( "many" + std::to_string( i ) ) );
-        manyPtrs.push_back( many.back().get() );
+        owned.emplace_back( i % 2 == 0 ? new Event : new Event( "many" + std::to_string( i ) ) );
+        many.push_back( owned.back().get() );
     }
     for ( const Events& events : { Events{ &a, &b, &c }, Events{ &x, &y, &z }, Events{ &a, &y, &c },
-                                   Events{ &x, &b, &z }, manyPtrs } ) {
-        const int last = static_cast< int >( events.size() ) - 1;
-        EXPECT_EQ( MultiEvent::waitOnEvents( events, 0 ), -1 );
+                                   Events{ &x, &b, &z }, many } ) {
+        EXPECT_EQ( waitOn( events, 0 ), -1 );
         events.back()->signal();
         events[1]->signal();
-        EXPECT_EQ( MultiEvent::waitOnEvents( events, 1000 ), 1 );
-        EXPECT_EQ( MultiEvent::waitOnEvents( std::list( events.begin(), events.end() ), 0 ), last );
-        EXPECT_EQ( MultiEvent::waitOnEvents( events, 2 ), -1 );
+        EXPECT_EQ( waitOn( events, 1000 ), 1 );
+        EXPECT_EQ( MultiEvent::waitOnEvents( std::list( events.begin(), events.end() ), 0 ),
+                   static_cast< int >( events.size() ) - 1 );
+        EXPECT_EQ( waitOn( events, 2 ), -1 );
     }
-    EXPECT_EQ( MultiEvent::waitOnEvents( Events(), 1 ), -1 );
-    EXPECT_THROW( MultiEvent::waitOnEvents( Events{ &a, nullptr }, 0 ), LogicException );
+    EXPECT_EQ( waitOn( {}, 1 ), -1 );
+    EXPECT_THROW( MultiEvent::waitOnEvents( { &a, nullptr }, 0 ), LogicException );
 }
 
 TEST_F( EventTest, WaitOfAnyKindIsWokenByAnyOfItsEvents )
 {
-    Event a, b;
-    Event x( "x" ), y( "y" );
     for ( const Events& events : { Events{ &a }, Events{ &x }, Events{ &a, &b }, Events{ &x, &y },
                                    Events{ &a, &x }, Events{ &x, &a } } ) {
         for ( const unsigned int timeoutMs : { Event::infinite, 0xFFFFFFFEu, 60000u } ) {
             std::thread signaller = whenWaitedFor( [&] { events.back()->signal(); } );
-            const int fired = MultiEvent::waitOnEvents( events, timeoutMs );
+            EXPECT_EQ( waitOn( events, timeoutMs ), static_cast< int >( events.size() ) - 1 );
             signaller.join();
-            EXPECT_EQ( fired, static_cast< int >( events.size() ) - 1 );
-            EXPECT_EQ( MultiEvent::waitOnEvents( events, 0 ), -1 );
+            EXPECT_EQ( waitOn( events, 0 ), -1 );
         }
     }
 }
 
 TEST_F( EventTest, OneSignalEndsOneWaitOfMany )
 {
-    constexpr int nbrOfWaiters = 4;
-    Event event;
-    Event other( "other" );
     std::atomic< int > nbrOfFired = 0;
     std::vector< std::thread > waiters;
-    for ( int i = 0; i < nbrOfWaiters; ++i ) {
-        // Every second one waits on a mixed list, through its pipe.
-        waiters.push_back( NuvTest::startThread( [&, i] {
-            const Events events = i % 2 == 0 ? Events{ &event } : Events{ &other, &event };
-            MultiEvent::waitOnEvents( events, Event::infinite );
+    for ( const Events& events :
+          { Events{ &a }, Events{ &x, &a }, Events{ &a }, Events{ &x, &a } } ) {
+        waiters.push_back( NuvTest::startThread( [&nbrOfFired, events] {
+            waitOn( events, Event::infinite );
             ++nbrOfFired;
         } ) );
     }
-    for ( int i = 1; i <= nbrOfWaiters; ++i ) {
-        event.signal();
+    for ( int i = 1; i <= static_cast< int >( waiters.size() ); ++i ) {
+        a.signal();
         EXPECT_TRUE( NuvTest::waitFor( [&] { return nbrOfFired == i; } ) );
-        EXPECT_FALSE( event.wait( 2 ) ) << "more than one signal was there";
+        EXPECT_FALSE( a.wait( 2 ) ) << "more than one signal was there";
         EXPECT_EQ( nbrOfFired, i );
     }
     for ( std::thread& waiter : waiters ) {
@@ -226,167 +210,133 @@ TEST_F( EventTest, OneSignalEndsOneWaitOfMany )
 
 TEST_F( EventTest, TimeoutPassesWhileWakeUpsFindNothing )
 {
-    Event event, never;
-    Event named( "named" );
     const auto start = std::chrono::steady_clock::now();
     std::atomic< bool > isOver = false;
-    std::thread disturber = NuvTest::startThread( [&] {
+    std::thread disturber( [&] {
         while ( !isOver ) {
-            event.signal();
-            event.reset();
-            named.signal();
-            named.reset();
+            for ( Event* const eventPtr : { &a, &x } ) {
+                eventPtr->signal();
+                eventPtr->reset();
+            }
         }
     } );
-    for ( const Events& events :
-          { Events{ &never }, Events{ &never, &event }, Events{ &never, &named } } ) {
-        // One of them may still be seen pending.
-        MultiEvent::waitOnEvents( events, 20 );
-    }
-    EXPECT_FALSE( never.wait( 20 ) );
+    waitOn( { &b, &a }, 20 ); // may still see it pending
+    waitOn( { &b, &x }, 20 );
+    EXPECT_FALSE( b.wait( 20 ) );
+    EXPECT_FALSE( y.wait( 20 ) );
     isOver = true;
     disturber.join();
     const auto elapsed = std::chrono::steady_clock::now() - start;
     EXPECT_GE( elapsed, std::chrono::milliseconds( 38 ) );
     EXPECT_LT( elapsed, NuvTest::wideTimeout );
-}
 
-TEST_F( EventTest, LongerTimeoutThanAPollTakesGoesOnAfterIt )
-{
-    Event named( "long" );
-    named.signal();
+    y.signal(); // a longer wait than a poll can make goes on after it
     ourPassedTimeoutMs = INT_MAX;
-    EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, INT_MAX ), -1 );
-    EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, INT_MAX + 1u ), 0 );
+    EXPECT_EQ( waitOn( { &y }, INT_MAX ), -1 );
+    EXPECT_EQ( waitOn( { &y }, INT_MAX + 1u ), 0 );
     ourPassedTimeoutMs = -2;
 }
 
 TEST_F( EventTest, BudgetOfCallsAndAllocations )
 {
-    Event local;
-    Event named( "budget" );
-    std::thread signaller = whenWaitedFor( [&] { local.signal(); } );
-    local.wait( Event::infinite ); // the first wait makes the list's storage
+    std::thread signaller = whenWaitedFor( [&] { a.signal(); } );
+    a.wait( Event::infinite ); // the first wait makes the list's storage
     signaller.join();
+    const auto nbrOfCalls = [] { return ourNbrOfPolls + ourNbrOfReads + ourNbrOfWrites; };
+    const auto countAnew = [] { ourNbrOfPolls = ourNbrOfReads = ourNbrOfWrites = 0; };
 
     ourNbrOfAllocations = 0;
-    ourNbrOfWrites = 0;
-    ourNbrOfPolls = 0;
     ourNbrOfPipes = 0;
-    EXPECT_FALSE( local.wait( 1 ) );
-    local.signal();
-    EXPECT_TRUE( local.wait( 1 ) );
-    EXPECT_EQ( ourNbrOfWrites + ourNbrOfPolls, 0 );
-    named.signal();
-    EXPECT_EQ( ourNbrOfWrites, 1 );
-    ourNbrOfReads = 0;
-    EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, 1 ), 0 );
-    EXPECT_EQ( ourNbrOfPolls + ourNbrOfReads, 2 );
+    countAnew();
+    EXPECT_FALSE( a.wait( 1 ) );
+    a.signal();
+    EXPECT_TRUE( a.wait( 1 ) );
+    EXPECT_EQ( nbrOfCalls(), 0 );
+    x.signal();
+    EXPECT_EQ( nbrOfCalls(), 1 );
+    EXPECT_EQ( MultiEvent::waitOnEvents( { &x }, 1 ), 0 );
+    EXPECT_EQ( nbrOfCalls(), 1 + 2 );
     // A wait that blocks learns to poll first, one that finds the event pending to read first.
     constexpr int nbrOfWaits = 100;
-    const auto nbrOfCalls = [&]( bool isPending ) {
-        ourNbrOfPolls = 0;
-        ourNbrOfReads = 0;
+    const struct
+    {
+        bool isPending;
+        int maxNbrOfCalls;
+    } rounds[] = {
+        { false, nbrOfWaits + 4 }, { true, 2 * nbrOfWaits + 33 }, { true, 2 * nbrOfWaits } };
+    for ( const auto& round : rounds ) {
+        countAnew();
         for ( int i = 0; i < nbrOfWaits; ++i ) {
-            if ( isPending )
-                named.signal();
-            EXPECT_EQ( named.wait( 1 ), isPending );
+            if ( round.isPending )
+                x.signal();
+            EXPECT_EQ( x.wait( 1 ), round.isPending );
         }
-        return ourNbrOfPolls + ourNbrOfReads;
-    };
-    EXPECT_LE( nbrOfCalls( false ), nbrOfWaits + 4 ); // a poll that times out is one call
-    EXPECT_LE( nbrOfCalls( true ), nbrOfWaits + 33 );
-    EXPECT_EQ( nbrOfCalls( true ), nbrOfWaits );
-    ourNbrOfReads = 0;
-    EXPECT_FALSE( named.wait( 0 ) );
-    EXPECT_EQ( ourNbrOfReads, 1 );
+        EXPECT_LE( nbrOfCalls(), round.maxNbrOfCalls );
+    }
+    countAnew();
+    EXPECT_FALSE( x.wait( 0 ) );
+    EXPECT_EQ( nbrOfCalls(), 1 );
     EXPECT_EQ( ourNbrOfAllocations, 0 );
     EXPECT_EQ( ourNbrOfPipes, 0 );
 
     const auto nbrBefore = nbrOfDescriptors();
     for ( int i = 0; i < 3; ++i ) {
-        local.signal();
-        EXPECT_EQ( MultiEvent::waitOnEvents( { &named, &local }, 1000 ), 1 );
-        EXPECT_EQ( MultiEvent::waitOnEvents( { &named, &local }, 1 ), -1 );
+        a.signal();
+        EXPECT_EQ( waitOn( { &x, &a }, 1000 ), 1 );
+        EXPECT_EQ( waitOn( { &x, &a }, 1 ), -1 );
     }
     EXPECT_LE( ourNbrOfPipes, 1 ) << "the thread keeps its pipe";
     EXPECT_LE( nbrOfDescriptors(), nbrBefore + 2 );
-}
-
-TEST_F( EventTest, ForkedChildUsesAPipeOfItsOwn )
-{
-    Event local;
-    Event named( "forked" );
-    EXPECT_EQ( MultiEvent::waitOnEvents( { &named, &local }, 1 ), -1 ); // this thread has one now
     const NuvTest::Outcome outcome = NuvTest::runInChild( [&] {
         ourNbrOfPipes = 0;
-        local.signal();
-        EXPECT_EQ( MultiEvent::waitOnEvents( { &named, &local }, 1000 ), 1 );
-        EXPECT_EQ( ourNbrOfPipes, 1 );
-        ::_exit( ::testing::Test::HasFailure() ? 1 : 0 );
+        a.signal();
+        waitOn( { &x, &a }, 1000 );
+        ::_exit( ourNbrOfPipes );
     } );
-    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.output;
-    EXPECT_FALSE( local.wait( 0 ) );
+    EXPECT_EQ( outcome.exitStatus(), 1 ) << "a forked child needs a pipe of its own";
 }
 
 TEST_F( EventTest, LastUserOfANameRemovesItsObjects )
 {
-    auto firstPtr = std::make_unique< Event >( "removed" );
-    auto secondPtr = std::make_unique< Event >( "removed" );
-    struct stat status;
-    ASSERT_EQ( ::stat( fifo( "removed" ).c_str(), &status ), 0 );
-    EXPECT_TRUE( S_ISFIFO( status.st_mode ) );
-    EXPECT_EQ( status.st_mode & 07777, 0660u );
-    EXPECT_TRUE( exists( root( "ixoRoot/tmp/ipc/sem_evt_removed" ) ) );
-    firstPtr->signal();
-    firstPtr.reset();
-    EXPECT_TRUE( exists( fifo( "removed" ) ) );
-    EXPECT_TRUE( secondPtr->wait( 0 ) );
-    secondPtr.reset();
-    EXPECT_FALSE( exists( fifo( "removed" ) ) );
-    EXPECT_FALSE( exists( root( "ixoRoot/tmp/ipc/sem_evt_removed" ) ) );
-}
-
-TEST_F( EventTest, NameKeepsItsSlashesInThePathname )
-{
-    EXPECT_THROW( Event( "folder/name" ), ResourceException );
-    ASSERT_EQ( ::mkdir( fifo( "folder" ).c_str(), 0777 ), 0 );
-    {
-        Event event( "folder/name" );
-        EXPECT_TRUE( exists( fifo( "folder/name" ) ) );
-        EXPECT_TRUE( exists( root( "ixoRoot/tmp/ipc/sem_evt_folder-name" ) ) );
+    ASSERT_EQ( ::mkdir( ipc( "evt_folder" ).c_str(), 0777 ), 0 );
+    for ( const std::string name : { "removed", "folder/name" } ) {
+        const std::string set = name == "removed" ? "sem_evt_removed" : "sem_evt_folder-name";
+        EventPtr firstPtr = std::make_unique< Event >( name );
+        EventPtr secondPtr = std::make_unique< Event >( name );
+        struct stat status;
+        ASSERT_EQ( ::stat( ipc( "evt_" + name ).c_str(), &status ), 0 );
+        EXPECT_TRUE( S_ISFIFO( status.st_mode ) );
+        EXPECT_EQ( status.st_mode & 07777, 0660u );
+        firstPtr->signal();
+        firstPtr.reset();
+        EXPECT_TRUE( exists( "evt_" + name ) && exists( set ) );
+        EXPECT_TRUE( secondPtr->wait( 0 ) );
+        secondPtr.reset();
+        EXPECT_FALSE( exists( "evt_" + name ) || exists( set ) );
     }
-    EXPECT_EQ( ::rmdir( fifo( "folder" ).c_str() ), 0 );
+    EXPECT_EQ( ::rmdir( ipc( "evt_folder" ).c_str() ), 0 );
+    EXPECT_THROW( Event( "folder/name" ), ResourceException );
 }
 
 TEST_F( EventTest, FailedCallsOfConstructionLeaveNothingBehind )
 {
-    NuvTest::writeFile( fifo( "file" ), "SSS" );
-    try {
-        Event( "file" );
-        ADD_FAILURE() << "an ordinary file was taken for a FIFO";
-    } catch ( const ResourceException& exception ) {
-        EXPECT_NE(
-            std::string( exception.what() )
-                .find( "failed: myReadOnlyFd.isValid() && myWriteOnlyFd.isValid(),  File exists" ),
-            std::string::npos );
-    }
-    EXPECT_FALSE( exists( fifo( "file" ) ) ) << "the name is free again for the next user";
+    NuvTest::writeFile( ipc( "evt_file" ), "SSS" );
+    NuvTest::expectFailure(
+        "failed: myReadOnlyFd.isValid() && myWriteOnlyFd.isValid(),  File exists",
+        [] { Event( "file" ); } ); // would be pending for ever
+    EXPECT_FALSE( exists( "evt_file" ) ) << "the name is free again for the next user";
 
     const auto nbrBefore = nbrOfDescriptors();
-    bool isStruck = true;
-    for ( int n = 1; isStruck; ++n ) {
+    for ( int n = 1; n == 1 || ourFault.nbrOfStrikes() != 0; ++n ) {
         SCOPED_TRACE( n );
         ourFault.arm( n, ENFILE );
         try {
             Event event( "faulty" );
-            isStruck = ourFault.nbrOfStrikes() != 0;
-            EXPECT_FALSE( isStruck );
+            EXPECT_EQ( ourFault.nbrOfStrikes(), 0 );
         } catch ( const ResourceException& ) {
         }
         ourFault.disarm();
-        EXPECT_FALSE( exists( fifo( "faulty" ) ) );
-        EXPECT_FALSE( exists( root( "ixoRoot/tmp/ipc/sem_evt_faulty" ) ) );
+        EXPECT_FALSE( exists( "evt_faulty" ) || exists( "sem_evt_faulty" ) );
         EXPECT_EQ( nbrOfDescriptors(), nbrBefore );
         ASSERT_LT( n, 20 );
     }
@@ -394,22 +344,20 @@ TEST_F( EventTest, FailedCallsOfConstructionLeaveNothingBehind )
 
 TEST_F( EventTest, FailedCallsOfAWaitAreWakeUpsOrResourceFailures )
 {
-    Event local;
-    Event named( "faulty" );
     for ( const int call : { 1, 2 } ) { // the poll, the read
-        named.signal();
+        x.signal();
         ourFault.arm( call, EINTR );
-        EXPECT_EQ( MultiEvent::waitOnEvents( { &named }, 1000 ), 0 );
+        EXPECT_EQ( waitOn( { &x }, 1000 ), 0 );
         EXPECT_EQ( ourFault.nbrOfStrikes(), 1 );
     }
     NuvTest::startThread( [&] { // a thread without a pipe yet
         ourFault.arm( 1, EMFILE );
-        EXPECT_THROW( MultiEvent::waitOnEvents( { &named, &local }, 0 ), ResourceException );
+        EXPECT_THROW( waitOn( { &x, &a }, 0 ), ResourceException );
         ourFault.disarm();
     } )
         .join();
-    local.signal();
-    EXPECT_TRUE( local.wait( 0 ) );
+    a.signal(); // no wait is left in its list
+    EXPECT_TRUE( a.wait( 0 ) );
 }
 
 class Spy : public NonNamedWaitEventImpl
@@ -421,49 +369,42 @@ public:
         , myLetter( letter )
     {
     }
-    void signal() override
-    {
-        if ( myCalledPtr != nullptr )
-            *myCalledPtr += myLetter;
-    }
+    void signal() override { *myCalledPtr += myLetter; }
 
 private:
-    std::string* myCalledPtr = nullptr;
-    char myLetter = '-';
+    std::string* myCalledPtr;
+    char myLetter;
 };
 
 TEST_F( EventTest, RegisteredWaitsAreSignalledNewestFirst )
 {
-    Event event;
-    Event named( "named" );
     std::string called;
     {
-        const Spy a( { &event }, &called, 'a' ), b( { &event }, &called, 'b' );
+        const Spy first( { &a }, &called, '1' ), second( { &a }, &called, '2' );
         {
-            const Spy c( { &event }, &called, 'c' );
-            event.signal();
+            const Spy third( { &a }, &called, '3' );
+            a.signal();
         }
-        event.signal();
+        a.signal();
     }
-    event.signal();
-    EXPECT_EQ( called, "cbaba" );
+    a.signal();
+    EXPECT_EQ( called, "32121" );
 
-    const std::unique_ptr< WaitEventImpl > pending( WaitEventImpl::create( { &event } ) );
+    const MultiWait pending( WaitEventImpl::create( { &a } ) );
+    const MultiWait mixed( WaitEventImpl::create( { &a, &x } ) );
     EXPECT_NE( dynamic_cast< NonNamedWaitEventImpl* >( pending.get() ), nullptr );
-    EXPECT_TRUE( pending->wait( 0 ) ) << "a signal that came first is not lost";
-    EXPECT_FALSE( pending->wait( 0 ) );
-    const std::unique_ptr< WaitEventImpl > mixed( WaitEventImpl::create( { &event, &named } ) );
     EXPECT_NE( dynamic_cast< NamedWaitEventImpl* >( mixed.get() ), nullptr );
-    EXPECT_TRUE( mixed->wait( 0 ) );
-    EXPECT_FALSE( mixed->wait( 0 ) ) << "a byte left in the pipe ends every later wait at once";
-    for ( const auto operation : { &Event::addWaitEventImpl, &Event::removeWaitEventImpl } ) {
-        EXPECT_THROW( ( named.*operation )( pending.get() ), LogicException );
+    for ( WaitEventImpl* const implPtr : { pending.get(), mixed.get() } ) {
+        EXPECT_TRUE( implPtr->wait( 0 ) ) << "a signal that came first is not lost";
+        EXPECT_FALSE( implPtr->wait( 0 ) ) << "nor does it wake twice";
     }
-    Event other;
-    EXPECT_THROW( other.removeWaitEventImpl( pending.get() ), LogicException );
+    for ( const auto operation : { &Event::addWaitEventImpl, &Event::removeWaitEventImpl } ) {
+        EXPECT_THROW( ( x.*operation )( pending.get() ), LogicException );
+    }
+    EXPECT_THROW( b.removeWaitEventImpl( pending.get() ), LogicException );
 }
 
-TEST_F( EventTest, DestructionWithAWaitRegisteredSaysSoAndGoesOn )
+TEST_F( EventTest, DestructionMeetsWaitsAndSignallers )
 {
     const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
         auto* const eventPtr = new Event;
@@ -473,34 +414,29 @@ TEST_F( EventTest, DestructionWithAWaitRegisteredSaysSoAndGoesOn )
     } );
     EXPECT_EQ( outcome.exitStatus(), 5 );
     EXPECT_EQ( outcome.errors, "!myWaitEventImpls.empty() [Event::~Event()]\n" );
-}
 
-// A waiter that destroys the event as soon as it is signalled finds the signaller out of it.
-TEST_F( EventTest, WaiterMayDestroyWhatHasFired )
-{
-    for ( int i = 0; i < 500; ++i ) {
-        auto eventPtr = std::make_unique< Event >();
-        std::thread signaller = NuvTest::startThread( [ptr = eventPtr.get()] { ptr->signal(); } );
+    for ( int i = 0; i < 500; ++i ) { // the signaller is out of what has fired
+        EventPtr eventPtr = std::make_unique< Event >();
+        std::thread signaller( [ptr = eventPtr.get()] { ptr->signal(); } );
         EXPECT_TRUE( eventPtr->wait( Event::infinite ) );
         eventPtr.reset();
         signaller.join();
     }
 }
 
-TEST_F( EventTest, DeadlineCarriesIntoSeconds )
+TEST( EventDeadline, CarriesIntoSeconds )
 {
+    const auto ns = []( const timespec& time ) {
+        return static_cast< long long >( time.tv_sec ) * 1000000000 + time.tv_nsec;
+    };
     for ( const unsigned int timeoutMs : { 0u, 1u, 999u, 1000u, 1999u, 0xFFFFFFFEu } ) {
         SCOPED_TRACE( timeoutMs );
         timespec before, after;
         ::clock_gettime( CLOCK_REALTIME, &before );
         const timespec deadline = computeTimeOfDayToTimeout( timeoutMs );
         ::clock_gettime( CLOCK_REALTIME, &after );
-        const auto ns = []( const timespec& time ) {
-            return static_cast< long long >( time.tv_sec ) * 1000000000 + time.tv_nsec;
-        };
-        const long long timeoutNs = timeoutMs * 1000000LL;
-        EXPECT_GE( ns( deadline ), ns( before ) + timeoutNs );
-        EXPECT_LE( ns( deadline ), ns( after ) + timeoutNs );
+        EXPECT_GE( ns( deadline ), ns( before ) + timeoutMs * 1000000LL );
+        EXPECT_LE( ns( deadline ), ns( after ) + timeoutMs * 1000000LL );
         EXPECT_LT( deadline.tv_nsec, 1000000000 );
     }
 }
