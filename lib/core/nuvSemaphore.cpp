@@ -143,7 +143,8 @@ bool setValues( int semaphoreHandle, unsigned int initialCount )
 void removeKeepingErrno( int semaphoreHandle, const char* keyFilePtr )
 {
     const int errorNbr = errno;
-    ::semctl( semaphoreHandle, 0, IPC_RMID );
+    if ( semaphoreHandle >= 0 )
+        ::semctl( semaphoreHandle, 0, IPC_RMID );
     if ( keyFilePtr != nullptr )
         ::unlink( keyFilePtr );
     errno = errorNbr;
@@ -399,8 +400,10 @@ const char* Semaphore::openSetOfKey( int key, unsigned int groupId, unsigned int
             removeKeepingErrno( mySemaphoreHandle, myFileName.cStr() );
             return "setValues( mySemaphoreHandle, initialCount )";
         }
-        if ( errno != EEXIST )
+        if ( errno != EEXIST ) {
+            removeKeepingErrno( -1, myFileName.cStr() ); // no set: the key file is nobody's
             return "errno == EEXIST";
+        }
         mySemaphoreHandle = ::semget( key, nbrOfSemaphores, mode );
         if ( mySemaphoreHandle >= 0 && joinSet( groupId, initialCount ) )
             return nullptr;

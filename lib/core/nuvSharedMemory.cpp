@@ -31,7 +31,8 @@ bool setOwnership( int shmId, gid_t groupId )
 void removeSegment( int shmId, const char* keyFilePtr )
 {
     const int errorNbr = errno;
-    ::shmctl( shmId, IPC_RMID, nullptr );
+    if ( shmId >= 0 )
+        ::shmctl( shmId, IPC_RMID, nullptr );
     ::unlink( keyFilePtr );
     errno = errorNbr;
 }
@@ -95,8 +96,10 @@ bool SharedMemory::getSegment( int key, unsigned int groupId )
             removeSegment( myShmId, myKeyFileName.cStr() );
             return false;
         }
-        if ( errno != EEXIST )
+        if ( errno != EEXIST ) {
+            removeSegment( -1, myKeyFileName.cStr() ); // there is none: the key file is nobody's
             return false;
+        }
         myShmId = ::shmget( key, 0, 0 ); // whatever its size
         if ( myShmId >= 0 )
             return true;

@@ -441,6 +441,7 @@ TEST_F( SemaphoreTest, FailedCallsLeaveNothingBehindAndNothingLocked )
                 setValue( masterHandle(), 0, 1 );
             semaphorePtr.reset();
             EXPECT_EQ( nbrOfNewSets(), 0 );
+            EXPECT_FALSE( exists( "sem_faulty" ) );
             EXPECT_EQ( masterValue(), 1 );
             ASSERT_LT( n, 20 );
         }

@@ -1,17 +1,15 @@
 #include "nuvSharedMemory.h"
 
 #include "nuvFileSystem.h"
-#include "nuvTestSupport.h"
+#include "nuvTestInterprocess.h"
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 NuvTest::Fault ourShmFault; // in any call on segments
@@ -46,22 +44,18 @@ extern "C" int NUV_SHMCTL( __wrap_ )( int id, int command, shmid_ds* statusPtr )
 namespace Nuv::Io {
 namespace {
 
-class SharedMemoryTest : public NuvTest::RootFixture
+using NuvTest::expectFailure;
+using SegmentPtr = std::unique_ptr< SharedMemory >;
+
+class SharedMemoryTest : public NuvTest::InterprocessFixture
 {
 protected:
     ~SharedMemoryTest() override { ourShmFault.disarm(); }
 
-    static std::string ipc( const std::string& name ) { return root( "ixoRoot/tmp/ipc/" + name ); }
-    static bool exists( const std::string& path ) { return ::access( path.c_str(), F_OK ) == 0; }
-    static int nbrOfLines( const std::string& path )
+    static SegmentPtr make( const char* namePtr, unsigned int size,
+                            SharedMemory::AccessMode mode = SharedMemory::readWrite )
     {
-        std::ifstream file( path );
-        std::string line;
-        int count = -1; // the title
-        while ( std::getline( file, line ) ) {
-            ++count;
-        }
-        return count;
+        return std::make_unique< SharedMemory >( namePtr, size, mode );
     }
     // What an operator does for a killed process, whose use of the segment's semaphore stays.
     // @return number of uses, all of which are taken back
@@ -72,156 +66,100 @@ protected:
         EXPECT_EQ( ::semctl( semaphore.handle(), Mt::Semaphore::useCountIdx, SETVAL, 1 ), 0 );
         return nbrOfUses;
     }
-    static int nbrOfSegments() { return nbrOfLines( "/proc/sysvipc/shm" ); }
 };
-
-// @return text of the resource failure, "" if there was none
-template < class Action >
-std::string resourceFailure( Action&& action )
-{
-    try {
-        action();
-    } catch ( const ResourceException& exception ) {
-        return exception.what();
-    }
-    return "";
-}
-
-bool contains( const std::string& text, const std::string& part )
-{
-    return text.find( part ) != std::string::npos;
-}
 
 TEST_F( SharedMemoryTest, UsersShareOneSegmentAndTheLastRemovesIt )
 {
-    auto firstPtr = std::make_unique< SharedMemory >( "a/b", 1000, SharedMemory::readWrite );
-    auto secondPtr = std::make_unique< SharedMemory >( "a/b", 1000, SharedMemory::readOnly );
-    EXPECT_TRUE( firstPtr->isCreated() );
-    EXPECT_FALSE( secondPtr->isCreated() );
+    SegmentPtr firstPtr = make( "a/b", 1000 );
+    SegmentPtr secondPtr = make( "a/b", 1000, SharedMemory::readOnly );
+    EXPECT_TRUE( firstPtr->isCreated() && !secondPtr->isCreated() );
     EXPECT_EQ( firstPtr->size(), 1000u );
     EXPECT_EQ( firstPtr->endPtr(), firstPtr->memoryPtr() + 1000 );
     EXPECT_EQ( std::string( firstPtr->memoryPtr(), 1000 ), std::string( 1000, '\0' ) );
     std::memcpy( firstPtr->memoryPtr() + 995, "tail", 5 );
     EXPECT_STREQ( secondPtr->memoryPtr() + 995, "tail" );
     EXPECT_STREQ( firstPtr->keyFileName(), ipc( "shm_a-b" ).c_str() );
-
     shmid_ds status;
     ASSERT_EQ( ::shmctl( firstPtr->shmId(), IPC_STAT, &status ), 0 );
     EXPECT_EQ( status.shm_perm.mode & 0777, 0660 );
     EXPECT_EQ( status.shm_perm.uid, ::geteuid() );
     EXPECT_EQ( ::shmget( FileSystem::ftok( firstPtr->keyFileName(), 1 ), 0, 0 ),
                firstPtr->shmId() );
-
     firstPtr.reset();
-    EXPECT_TRUE( exists( ipc( "shm_a-b" ) ) );
-    EXPECT_TRUE( exists( ipc( "sem_shm_a-b" ) ) );
+    EXPECT_TRUE( exists( "shm_a-b" ) && exists( "sem_shm_a-b" ) );
     EXPECT_STREQ( secondPtr->memoryPtr() + 995, "tail" );
     secondPtr.reset();
-    EXPECT_FALSE( exists( ipc( "shm_a-b" ) ) );
-    EXPECT_FALSE( exists( ipc( "sem_shm_a-b" ) ) );
-    EXPECT_EQ( nbrOfSegments(), 0 );
+    EXPECT_FALSE( exists( "shm_a-b" ) || exists( "sem_shm_a-b" ) );
 }
 
-TEST_F( SharedMemoryTest, ReadOnlyAttachmentCannotBeWritten )
-{
-    {
-        const SharedMemory writable( "readOnly", 100, SharedMemory::readWrite );
-        const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-            const SharedMemory memory( "readOnly", 100, SharedMemory::readOnly );
-            *static_cast< volatile char* >( memory.memoryPtr() ) = 'x';
-        } );
-        EXPECT_NE( outcome.status, 0 );
-        EXPECT_EQ( *writable.memoryPtr(), '\0' );
-    }
-    EXPECT_EQ( takeBackUses( "readOnly" ), 1 );
-}
-
-TEST_F( SharedMemoryTest, SegmentOfAKilledUserGoesOnWithItsContents )
+TEST_F( SharedMemoryTest, KilledUserLeavesTheSegmentAsItWas )
 {
     const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-        auto* const memoryPtr = new SharedMemory( "killed", 100, SharedMemory::readWrite );
+        const SegmentPtr memoryPtr = make( "killed", 100 );
         std::strcpy( memoryPtr->memoryPtr(), "left" );
-        ::_exit( 0 );
+        *static_cast< volatile char* >(
+            make( "killed", 100, SharedMemory::readOnly )->memoryPtr() ) = 'x'; // kills it
     } );
-    ASSERT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
+    EXPECT_NE( outcome.status, 0 );
+    const int nbrOfSegments = nbrOfKernelObjects( "shm" );
     {
-        const SharedMemory memory( "killed", 100, SharedMemory::readWrite );
-        EXPECT_FALSE( memory.isCreated() );
-        EXPECT_STREQ( memory.memoryPtr(), "left" );
+        const SegmentPtr memoryPtr = make( "killed", 100 );
+        EXPECT_FALSE( memoryPtr->isCreated() );
+        EXPECT_STREQ( memoryPtr->memoryPtr(), "left" );
     }
-    EXPECT_FALSE( exists( ipc( "shm_killed" ) ) );
-    EXPECT_EQ( nbrOfSegments(), 0 );
-    EXPECT_EQ( takeBackUses( "killed" ), 1 );
+    EXPECT_FALSE( exists( "shm_killed" ) );
+    EXPECT_EQ( nbrOfKernelObjects( "shm" ), nbrOfSegments - 1 );
+    EXPECT_EQ( takeBackUses( "killed" ), 2 );
 }
 
-TEST_F( SharedMemoryTest, AnotherSizeIsAResourceFailureThatNamesBoth )
+TEST_F( SharedMemoryTest, AnotherSizeOrModeIsRefused )
 {
-    const SharedMemory memory( "sized", 1000, SharedMemory::readWrite );
+    const SegmentPtr memoryPtr = make( "sized", 1000 );
     for ( const unsigned int size : { 999u, 1001u, 50000u } ) {
-        const std::string text =
-            resourceFailure( [&] { SharedMemory( "sized", size, SharedMemory::readWrite ); } );
-        EXPECT_TRUE( contains( text, "segment \"sized\" has 1000 bytes instead of " +
-                                         std::to_string( size ) + ",  Invalid argument" ) )
-            << text;
+        expectFailure( "failed: segment \"sized\" has 1000 bytes instead of " +
+                           std::to_string( size ) + ",  Invalid argument",
+                       [=] { make( "sized", size ); } );
     }
-    EXPECT_TRUE( exists( ipc( "shm_sized" ) ) );
-    EXPECT_NO_THROW( SharedMemory( "sized", 1000, SharedMemory::readOnly ) );
-}
-
-TEST_F( SharedMemoryTest, InvalidModeAsserts )
-{
-    try {
-        SharedMemory( "mode", 10, static_cast< SharedMemory::AccessMode >( 2 ) );
-        ADD_FAILURE() << "no exception";
-    } catch ( const LogicException& exception ) {
-        EXPECT_TRUE( contains( exception.what(), "failed: false,  Invalid access mode. (" ) );
-    }
-    EXPECT_FALSE( exists( ipc( "sem_shm_mode" ) ) );
+    EXPECT_NO_THROW( make( "sized", 1000, SharedMemory::readOnly ) );
+    expectFailure( "failed: false,  Invalid access mode. (",
+                   [] { make( "mode", 10, static_cast< SharedMemory::AccessMode >( 2 ) ); } );
+    EXPECT_FALSE( exists( "sem_shm_mode" ) );
+    expectFailure( "Invalid argument", [] { make( "empty", 0 ); } );
 }
 
 TEST_F( SharedMemoryTest, SegmentRemovedUnderItsUserTakesOnlyItsOwnKeyFileAlong )
 {
-    auto oldPtr = std::make_unique< SharedMemory >( "removed", 10, SharedMemory::readWrite );
+    SegmentPtr oldPtr = make( "removed", 10 );
     ASSERT_EQ( ::shmctl( oldPtr->shmId(), IPC_RMID, nullptr ), 0 );
-    auto freshPtr = std::make_unique< SharedMemory >( "removed", 20, SharedMemory::readWrite );
+    SegmentPtr freshPtr = make( "removed", 20 );
     EXPECT_TRUE( freshPtr->isCreated() );
     oldPtr.reset();
-    EXPECT_TRUE( exists( ipc( "shm_removed" ) ) );
+    EXPECT_TRUE( exists( "shm_removed" ) );
     ASSERT_EQ( ::shmctl( freshPtr->shmId(), IPC_RMID, nullptr ), 0 );
     freshPtr.reset();
-    EXPECT_FALSE( exists( ipc( "shm_removed" ) ) );
-    EXPECT_EQ( nbrOfSegments(), 0 );
+    EXPECT_FALSE( exists( "shm_removed" ) );
 }
 
 TEST_F( SharedMemoryTest, FailedCallsLeaveNothingBehind )
 {
-    bool isStruck = true;
-    for ( int n = 1; isStruck; ++n ) {
+    const int nbrOfSegments = nbrOfKernelObjects( "shm" );
+    for ( int n = 1; n == 1 || ourShmFault.nbrOfStrikes() != 0; ++n ) {
         SCOPED_TRACE( n );
         ourShmFault.arm( n, ENOMEM );
-        const std::string text =
-            resourceFailure( [] { SharedMemory( "faulty", 10, SharedMemory::readWrite ); } );
-        isStruck = ourShmFault.nbrOfStrikes() != 0;
+        const auto isMade = [] { return make( "faulty", 10 ) != nullptr; };
+        if ( n <= 3 ) // shmget, shmctl, shmat
+            expectFailure( "failed: myMemoryPtr != reinterpret_cast< char* >( -1 ),  Cannot",
+                           isMade );
+        else
+            EXPECT_TRUE( isMade() );
         ourShmFault.disarm();
-        EXPECT_TRUE(
-            !isStruck ||
-            contains( text, "failed: myMemoryPtr != reinterpret_cast< char* >( -1 ),  Cannot" ) )
-            << text;
-        EXPECT_FALSE( exists( ipc( "sem_shm_faulty" ) ) );
-        EXPECT_EQ( nbrOfSegments(), 0 );
+        EXPECT_FALSE( exists( "shm_faulty" ) || exists( "sem_shm_faulty" ) );
+        EXPECT_EQ( nbrOfKernelObjects( "shm" ), nbrOfSegments );
         ASSERT_LT( n, 10 );
     }
-    EXPECT_TRUE(
-        contains( resourceFailure( [] { SharedMemory( "empty", 0, SharedMemory::readWrite ); } ),
-                  "Invalid argument" ) );
-
-    ASSERT_EQ( ::mkdir( ipc( "shm_folder" ).c_str(), 0777 ), 0 ); // exists, so it is not made
-    EXPECT_NO_THROW( SharedMemory( "folder", 10, SharedMemory::readWrite ) );
-    ASSERT_EQ( ::rmdir( ipc( "shm_folder" ).c_str() ), 0 );
     ASSERT_EQ( ::symlink( "/missing/file", ipc( "shm_dangling" ).c_str() ), 0 );
-    EXPECT_TRUE( contains(
-        resourceFailure( [] { SharedMemory( "dangling", 10, SharedMemory::readWrite ); } ),
-        "failed: mappingFileHandle.isValid(),  No such file" ) );
+    expectFailure( "failed: mappingFileHandle.isValid(),  No such file",
+                   [] { make( "dangling", 10 ); } );
     errno = ERANGE;
     EXPECT_EQ( SharedMemory::getLastError(), ERANGE );
 }
