@@ -1,13 +1,11 @@
 #include "nuvFileSystem.h"
 #include "nuvInterprocessFifo.h"
-#include "nuvTestSupport.h"
+#include "nuvTestInterprocess.h"
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -51,15 +49,25 @@ public:
     }
 };
 
-class Interprocess : public NuvTest::RootFixture
+// Says the same to all at once. @return their answers, sorted
+std::vector< std::string > askAll( std::array< Actor, 3 >& actors, const std::string& command )
+{
+    std::vector< std::string > answers;
+    for ( Actor& actor : actors ) {
+        actor.tell( command );
+    }
+    for ( Actor& actor : actors ) {
+        answers.push_back( actor.readLine() );
+    }
+    std::sort( answers.begin(), answers.end() );
+    return answers;
+}
+
+using Answers = std::vector< std::string >;
+
+class Interprocess : public NuvTest::InterprocessFixture
 {
 protected:
-    static std::string ipc( const std::string& name ) { return root( "ixoRoot/tmp/ipc/" + name ); }
-    static bool exists( const std::string& name )
-    {
-        return ::access( ipc( name ).c_str(), F_OK ) == 0;
-    }
-
     // What an operator's repair does once those who were killed are gone: all is free again.
     static void repair()
     {
@@ -79,50 +87,33 @@ protected:
 
 TEST_F( Interprocess, OneOfTheCreatorsThatComeAtOnceCreates )
 {
-    constexpr int nbrOfRounds = 25;
     std::array< Actor, 3 > actors;
-    for ( const std::string kind : { "semaphore", "segment", "fifo" } ) {
-        for ( int round = 0; round < nbrOfRounds; ++round ) {
-            SCOPED_TRACE( kind + std::to_string( round ) );
-            for ( Actor& actor : actors ) {
-                actor.tell( kind + " race 100" );
-            }
-            std::vector< std::string > answers;
-            for ( Actor& actor : actors ) {
-                answers.push_back( actor.readLine() );
-            }
-            EXPECT_EQ( std::count( answers.begin(), answers.end(), "created" ), 1 );
-            EXPECT_EQ( std::count( answers.begin(), answers.end(), "joined" ), 2 );
-            for ( Actor& actor : actors ) {
-                actor.tell( "drop" );
-            }
-            for ( Actor& actor : actors ) {
-                EXPECT_EQ( actor.readLine(), "dropped" );
-            }
-            for ( const char* const namePtr :
-                  { "sem_race", "shm_race", "sem_shm_race", "sem_IpFifo_race", "shm_IpFifo_race",
-                    "sem_evt_IpFifo_race", "evt_IpFifo_race" } ) {
-                EXPECT_FALSE( exists( namePtr ) ) << namePtr;
-            }
+    for ( int round = 0; round < 75; ++round ) {
+        const char* const kinds[] = { "semaphore", "segment", "fifo" };
+        const std::string kind = kinds[round % 3];
+        SCOPED_TRACE( kind + std::to_string( round ) );
+        EXPECT_EQ( askAll( actors, kind + " race 100" ),
+                   Answers( { "created", "joined", "joined" } ) );
+        EXPECT_EQ( askAll( actors, "drop" ), Answers( 3, "dropped" ) );
+        for ( const char* const namePtr :
+              { "sem_race", "shm_race", "sem_shm_race", "sem_IpFifo_race", "shm_IpFifo_race",
+                "sem_evt_IpFifo_race", "evt_IpFifo_race" } ) {
+            EXPECT_FALSE( exists( namePtr ) ) << namePtr;
         }
     }
 }
 
 TEST_F( Interprocess, MasterSetIsMadeOnceByProcessesThatStartAtOnce )
 {
+    const auto masterHandle = [] {
+        return ::semget( Io::FileSystem::ftok( ipc( "" ).c_str(), 1 ), 1, 0 );
+    };
     for ( int round = 0; round < 10; ++round ) {
-        const int handle = ::semget( Io::FileSystem::ftok( ipc( "" ).c_str(), 1 ), 1, 0 );
-        ASSERT_TRUE( round == 0 || ::semctl( handle, 0, IPC_RMID ) == 0 );
+        ASSERT_TRUE( round == 0 || ::semctl( masterHandle(), 0, IPC_RMID ) == 0 );
         std::array< Actor, 3 > actors;
-        for ( Actor& actor : actors ) {
-            actor.tell( "semaphore first 1" );
-        }
-        for ( Actor& actor : actors ) {
-            actor.readLine();
-        }
-        const int freshHandle = ::semget( Io::FileSystem::ftok( ipc( "" ).c_str(), 1 ), 1, 0 );
-        EXPECT_EQ( ::semctl( freshHandle, 0, GETVAL ), 1 );
-        EXPECT_EQ( actors[0].ask( "uses" ), "3" );
+        askAll( actors, "semaphore first 1" );
+        EXPECT_EQ( ::semctl( masterHandle(), 0, GETVAL ), 1 );
+        EXPECT_EQ( askAll( actors, "uses" ), Answers( 3, "3" ) );
         for ( Actor& actor : actors ) {
             actor.closeInput();
             EXPECT_EQ( actor.wait().exitStatus(), 0 );
