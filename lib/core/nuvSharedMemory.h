@@ -32,7 +32,7 @@ namespace Nuv::Io {
 class NUV_API SharedMemory
 {
 public:
-    enum AccessMode
+    enum AccessMode : int // of a fixed type: other values are possible, and refused
     {
         readOnly = 0,
         readWrite = 1
