@@ -319,11 +319,15 @@ void renewAfterFork()
 
 } // namespace
 
+void UmaskScope::watchForks()
+{
+    [[maybe_unused]] static const int registered =
+        ::pthread_atfork( &lockForFork, &unlockAfterFork, &renewAfterFork );
+}
+
 UmaskScope::UmaskScope( mode_t mask ) NUV_NO_THREAD_SAFETY_ANALYSIS
 {
-    static const int registered =
-        ::pthread_atfork( &lockForFork, &unlockAfterFork, &renewAfterFork );
-    static_cast< void >( registered );
+    watchForks();
     ourUmaskMutex.enter();
     mySavedMask = ::umask( mask );
 }

@@ -137,6 +137,10 @@ public:
     UmaskScope& operator=( const UmaskScope& ) = delete;
     ~UmaskScope();
 
+    /// Makes forks wait, once. The system runs the newest handler before a fork first, so a unit
+    /// whose handlers take locks that are held round scopes calls this before it installs them.
+    static void watchForks();
+
 private:
     mode_t mySavedMask;
 };

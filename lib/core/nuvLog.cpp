@@ -9,6 +9,7 @@
 #include <locale>
 #include <new>
 #include <string_view>
+#include <utility>
 
 namespace Nuv::Log {
 
@@ -197,6 +198,9 @@ Preference SourceSet::preference() const
 
 // --------------------------------------------------------------------------- standard sources
 
+// Behind the manager's mutex in the lock order, and like that taken by forks.
+Mt::Mutex StandardSourceSetSingletonPtrMutex;
+
 namespace {
 
 constexpr char ourStandardZoneName[] = "Nuv";
@@ -211,13 +215,12 @@ public:
     }
 
     bool isBound() const { return source( fatal ).drainPtr() != nullptr; }
-    /// A source that is bound stays so, and binding one of these comes here again.
+    /// With the manager's mutex held. A source that is bound stays so, and binding one of these
+    /// comes here again.
     void bind()
     {
-        const Mt::MutexLock lock( myMutex );
-        if ( myIsBinding )
+        if ( std::exchange( myIsBinding, true ) )
             return;
-        myIsBinding = true;
         try {
             init( ourStandardZoneName );
         } catch ( ... ) {
@@ -232,7 +235,6 @@ private:
     StandardSourceSet() = default;
     ~StandardSourceSet() = default;
 
-    Mt::Mutex myMutex; // before the manager's mutex in the lock order
     bool myIsBinding = false;
 };
 
@@ -248,8 +250,6 @@ bool isTimeToTry()
     return ourTriedAt.exchange( second, std::memory_order_relaxed ) != second;
 }
 
-Mt::Mutex StandardSourceSetSingletonPtrMutex;
-
 StandardSourceSet* StandardSourceSet::singletonPtr()
 {
     return Utils::Singleton< StandardSourceSet >::ptr( StandardSourceSetSingletonPtrMutex );
@@ -260,9 +260,8 @@ StandardSourceSet& makeStandardSources()
     const int errorNbr = errno;
     const CancelShield shield;
     try {
-        // The manager first: it then outlives the sources at exit.
-        if ( isTimeToTry() && ensureConfigManager() )
-            StandardSourceSet::singletonPtr()->bind();
+        if ( isTimeToTry() )
+            ensureConfigManager();
     } catch ( ... ) {
         // Without the manager the sources stay unbound: who logs must not fail for it.
     }

@@ -207,12 +207,14 @@ private:
 /// @param severity 1 to 5, the caller's duty
 NUV_API Source& getStandardSource( Severity severity );
 
-/// Link seam, defined in nuvLogConfigManager.cpp: builds the manager unless it exists.
-/// @return false, with nothing done, while it is being built and after its end at exit
+/// Link seam, defined in nuvLogConfigManager.cpp: builds the manager unless it exists, and binds
+/// the standard sources. Nothing is done while the manager is being built and after its end at
+/// exit.
 /// @throws ResourceException what the manager's constructor throws
-bool ensureConfigManager();
-/// The other end, defined in nuvLog.cpp and called when a source has been bound: makes and binds
-/// the standard sources too, so that a failing assertion finds them ready.
+void ensureConfigManager();
+/// The other end, defined in nuvLog.cpp and called, with the manager's mutex held, when a source
+/// has been bound: makes and binds the standard sources too, so that a failing assertion finds them
+/// ready.
 void bindStandardSources();
 
 /// Keeps the calling thread from being cancelled for a scope: neither a destructor nor a handler of

@@ -1,5 +1,6 @@
 #include "nuvLogConfigManager.h"
 
+#include "nuvFileSystem.h"
 #include "nuvPathname.h"
 #include "nuvSingleton.h"
 
@@ -26,6 +27,7 @@ constexpr std::uint32_t ourFlagsOfHttpRequest =
 // ------------------------------------------------------------------------- binding of sources
 
 Mt::Mutex ConfigManagerSingletonPtrMutex;
+extern Mt::Mutex StandardSourceSetSingletonPtrMutex; // nuvLog.cpp's
 
 namespace {
 
@@ -143,9 +145,10 @@ private:
 
 // The other ends of the seams that nuvLog.h declares.
 
-bool ensureConfigManager()
+void ensureConfigManager()
 {
-    return SourceBinding::reach( nullptr, "" );
+    if ( SourceBinding::reach( nullptr, "" ) )
+        ManagerSingleton::ptr( ConfigManagerSingletonPtrMutex )->bindStandard();
 }
 
 void Source::init( const char* zoneNamePtr )
@@ -158,7 +161,7 @@ void Source::init( const char* zoneNamePtr )
          !SourceBinding::reach( this, namePtr ) )
         return;
     initImpl( namePtr );
-    bindStandardSources();
+    ManagerSingleton::ptr( ConfigManagerSingletonPtrMutex )->bindStandard();
 }
 
 void Source::initImpl( const char* zoneNamePtr )
@@ -197,11 +200,6 @@ ConfigManager* ConfigManager::singletonPtr()
 ConfigManager::ConfigManager()
     : mySemaphore( ourSegmentName, 1 )
 {
-    Drain::registerForkHandlers();
-    static const int atforkResult =
-        ::pthread_atfork( &prepareFork, &afterForkInParent, &afterForkInChild );
-    static_cast< void >( atforkResult );
-
     const Mt::MutexLock lock( myMutex );
     Mt::SemaphoreLock semaphoreLock( &mySemaphore );
     mySharedMemoryPtr = std::make_unique< Io::SharedMemory >( ourSegmentName, sizeof( Data ),
@@ -431,6 +429,12 @@ void ConfigManager::bind( Source& source, const char* zoneNamePtr )
     source.myZonePtr.store( zonePtr, std::memory_order_release );
 }
 
+void ConfigManager::bindStandard()
+{
+    const Mt::MutexLock lock( myMutex );
+    bindStandardSources();
+}
+
 void ConfigManager::release( Source& source )
 {
     const Mt::MutexLock lock( myMutex );
@@ -524,10 +528,12 @@ void ConfigManager::prepareFork() NUV_NO_THREAD_SAFETY_ANALYSIS
     ourBindingMutex.enter();
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() )
         managerPtr->myMutex.enter();
+    StandardSourceSetSingletonPtrMutex.enter();
 }
 
 void ConfigManager::afterForkInParent() NUV_NO_THREAD_SAFETY_ANALYSIS
 {
+    StandardSourceSetSingletonPtrMutex.exit();
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() ) {
         managerPtr->forEachDrain( []( Drain& drain ) { drain.afterForkInParent(); } );
         managerPtr->myMutex.exit();
@@ -538,13 +544,32 @@ void ConfigManager::afterForkInParent() NUV_NO_THREAD_SAFETY_ANALYSIS
 
 void ConfigManager::afterForkInChild()
 {
+    renew( StandardSourceSetSingletonPtrMutex );
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() ) {
         renew( managerPtr->myMutex );
         managerPtr->forEachDrain( []( Drain& drain ) { drain.afterForkInChild(); } );
     }
+    if ( ourIsUnderConstruction && !ourIsBuilder ) {
+        // By a thread that the child does not have, and so are the sources that wait for it.
+        ourIsUnderConstruction = false;
+        ourIsComplete.store( ManagerSingleton::ptrIfBuilt() != nullptr, std::memory_order_relaxed );
+        pendingSources().clear();
+    }
     renew( ourBindingMutex );
     renew( ConfigManagerSingletonPtrMutex );
 }
+
+/// At start-up, before there are threads: a fork may come at any time after the first lock.
+bool ConfigManager::watchForks()
+{
+    // What these handlers lock comes behind the manager's mutex; before a fork the newest handler
+    // runs first.
+    Io::UmaskScope::watchForks();
+    Drain::registerForkHandlers();
+    return ::pthread_atfork( &prepareFork, &afterForkInParent, &afterForkInChild ) == 0;
+}
+
+const bool ConfigManager::ourWatchesForks = ConfigManager::watchForks();
 
 // ------------------------------------------------------------------------------- LogAppHelper
 

@@ -144,6 +144,7 @@ public:
 private:
     friend class Utils::Singleton< ConfigManager >;
     friend class Source;
+    friend void ensureConfigManager();
 
     ConfigManager();
     ~ConfigManager();
@@ -158,13 +159,17 @@ private:
     template < class Change >
     void changeZones( const char* zoneNamePtr, const Change& change );
     void bind( Source& source, const char* zoneNamePtr );
+    void bindStandard();
     void release( Source& source );
 
     template < class Action >
     void forEachDrain( const Action& action );
+    static bool watchForks();
     static void prepareFork();
     static void afterForkInParent();
     static void afterForkInChild();
+
+    static const bool ourWatchesForks;
 
     Mt::Mutex myMutex;
     Mt::Semaphore mySemaphore;

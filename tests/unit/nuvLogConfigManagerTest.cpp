@@ -261,6 +261,13 @@ TEST_F( LogConfigBinding, DrainIsClosedWithItsLastSource )
     manager.closeDrain( againPtr );
 }
 
+TEST_F( LogConfigBinding, SourceThatOutlivesTheManagerIsUnboundAgain )
+{
+    configure( "[zone/late]\nflags = zonename\n" );
+    EXPECT_EQ( "", run( { "late" } ) );
+    EXPECT_EQ( "late in time\n" + ourMarker, log( "main.log" ) );
+}
+
 TEST_F( LogConfigBinding, WithoutInterprocessObjectsSourcesThrowAndTheLibraryDoesNot )
 {
     NuvTest::writeFile( root( "tmp" ), "no directory" );
@@ -270,7 +277,6 @@ TEST_F( LogConfigBinding, WithoutInterprocessObjectsSourcesThrowAndTheLibraryDoe
 
 TEST_F( LogConfigBinding, ForkedChildLogsWhateverOtherThreadsHold )
 {
-    configure( "[zone/child]\ndrain = child\n[drain/child]\ntype = null\n" );
     EXPECT_EQ( "100 children\n", run( { "source child error", "fork" } ) );
 }
 

@@ -16,6 +16,7 @@ NuvTest::Fault ourFault;
 NuvTest::Fault ourOpenFault;
 int ourNbrOfCalls = 0;
 bool ourWritesHalf = false; // a call that is struck has written some of its bytes
+bool ourRestFails = true;   // and the next one fails
 } // namespace
 
 extern "C" {
@@ -44,7 +45,8 @@ ssize_t NUV_WRAP( pwritev )( int fd, const iovec* partsPtr, int nbrOfParts, ::of
     if ( !ourWritesHalf )
         return -1;
     ourWritesHalf = false;
-    ourFault.arm( 1, ENOSPC ); // for the rest
+    if ( ourRestFails )
+        ourFault.arm( 1, ENOSPC );
     return NUV_REAL( pwrite )( fd, partsPtr->iov_base, partsPtr->iov_len / 2 + 1, position );
 }
 
@@ -300,6 +302,20 @@ TEST_F( LogFileFault, LostMessageLeavesTheFileAsItWasAndTheNextTriesAgain )
     }
 }
 
+TEST_F( LogFileFault, ShortWriteIsGoneOnWith )
+{
+    LogFileWriter writer;
+    ASSERT_TRUE( writer.open( myPath, 5000 ) );
+    for ( const char* textPtr : { "0123456789", "ab" } ) {
+        ourRestFails = false;
+        ourWritesHalf = true;
+        ourFault.arm( 1, 0 );
+        write( writer, textPtr );
+        ourRestFails = true;
+    }
+    EXPECT_EQ( "0123456789\nab\n" + ourMarker, content() );
+}
+
 TEST_F( LogFileFault, MessageSurvivesAFailureOfTheMarkerAtTheWrap )
 {
     LogFileWriter writer;
@@ -377,6 +393,29 @@ TEST_F( LogFileWrite, EveryRunOfMessagesAndRestartsLeavesTheBytesOfTheRules )
             write( *writerPtr, text );
             ASSERT_EQ( model.bytes, content() );
         }
+    }
+}
+
+TEST_F( LogFileWrite, SharedFileKeepsTheMessagesOfBothWriters )
+{
+    for ( const std::uint64_t maxSize : { 0u, 5000u, 300u } ) {
+        SCOPED_TRACE( maxSize );
+        ::unlink( myPath.c_str() );
+        LogFileWriter a;
+        LogFileWriter b;
+        ASSERT_TRUE( a.open( myPath, maxSize ) && b.open( myPath, maxSize ) );
+        a.share();
+        b.share();
+        LogFileReader reader( myPath, maxSize );
+        Lines written;
+        Lines read;
+        for ( int i = 0; i < 40; ++i ) {
+            written.push_back( "line " + std::to_string( i ) );
+            write( i % 3 == 0 ? a : b, written.back() );
+            for ( const std::string& line : readAll( reader ) )
+                read.push_back( line );
+        }
+        EXPECT_EQ( written, read );
     }
 }
 
@@ -518,6 +557,8 @@ TEST_F( LogFileFollow, PlainFileGrowsAndThenWrapsToItsBegin )
     EXPECT_EQ( ( Lines{ "a", "<b>" } ), readAll( other ) );
     NuvTest::writeFile( otherPath, "a\nbc\nd\ne" );
     EXPECT_EQ( ( Lines{ "<c>", "d", "<e>" } ), readAll( other ) );
+    NuvTest::writeFile( otherPath, "f\n" ); // cut and written anew
+    EXPECT_EQ( Lines{ "f" }, readAll( other ) );
 }
 
 } // namespace

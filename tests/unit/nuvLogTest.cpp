@@ -6,12 +6,34 @@
 
 #include "nuvTestSupport.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <iomanip>
+#include <locale>
+#include <new>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+static std::atomic< int > ourNbrOfAllocations = 0;
+
+void* operator new( std::size_t size )
+{
+    ++ourNbrOfAllocations;
+    if ( void* const ptr = std::malloc( size ) )
+        return ptr;
+    throw std::bad_alloc();
+}
+void operator delete( void* ptr ) noexcept
+{
+    std::free( ptr );
+}
+void operator delete( void* ptr, std::size_t ) noexcept
+{
+    std::free( ptr );
+}
 
 namespace Nuv::Log {
 namespace {
@@ -159,7 +181,7 @@ TEST( LogStatement, FormatOfOneMessageDoesNotReachTheNext )
         Helper helper( source );
         helper.logStream() << std::hex << std::showbase << std::uppercase << std::setfill( '*' )
                            << std::setprecision( 2 ) << 255 << ' ' << std::setw( 4 ) << 1;
-        helper.logStream().exceptions( std::ios_base::badbit );
+        helper.logStream().exceptions( std::ios_base::failbit );
         helper.logStream().width( 9 );
     }
     nuvLogTo( source ) << 255 << ' ' << std::setw( 3 ) << 1 << ' ' << 1.23456;
@@ -168,6 +190,37 @@ TEST( LogStatement, FormatOfOneMessageDoesNotReachTheNext )
     nuvLogTo( source ) << "after";
     EXPECT_EQ( ( Lines{ "0XFF *0X1", "255   1 1.23456", "", std::string( 100000, 'x' ), "after" } ),
                lines( capture ) );
+}
+
+TEST( LogStatement, NumbersFollowTheGlobalLocale )
+{
+    struct Grouping : std::numpunct< char >
+    {
+        std::string do_grouping() const override { return "\3"; }
+        char do_thousands_sep() const override { return '\''; }
+    };
+    const PlainZone zone( "locale" );
+    const Source source( error, "locale" );
+    Capture capture( "locale" );
+    nuvLogTo( source ) << 1234567;
+    const std::locale before =
+        std::locale::global( std::locale( std::locale::classic(), new Grouping ) );
+    nuvLogTo( source ) << 1234567;
+    std::locale::global( before );
+    nuvLogTo( source ) << 1234567;
+    EXPECT_EQ( ( Lines{ "1234567", "1'234'567", "1234567" } ), lines( capture ) );
+}
+
+TEST( LogStatement, AllocatesNothingOnceTheThreadHasLogged )
+{
+    const PlainZone zone( "allocates", debug, 0x7F );
+    const Source source( error, "allocates" );
+    for ( int i = 0; i < 3; ++i ) {
+        ourNbrOfAllocations = 0;
+        nuvLogTo( source ) << "into a file " << i << " of more than the first 128 bytes: "
+                           << "0123456789012345678901234567890123456789" << 'x' << 1.5;
+    }
+    EXPECT_EQ( 0, ourNbrOfAllocations );
 }
 
 TEST( LogStatement, ExceptionOfAnOperandPassesAndWhatWasWrittenIsEmitted )

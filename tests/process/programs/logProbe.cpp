@@ -23,6 +23,21 @@ using namespace Nuv;
 
 namespace {
 
+/// Destroyed after the manager, which is built later.
+struct Late
+{
+    ~Late()
+    {
+        if ( mySource.severity() != Log::error )
+            return;
+        nuvLogTo( mySource ) << "too late";
+        nuvLogTo( Log::getStandardSource( Log::error ) ) << "too late";
+        Log::Source( Log::error, "late" ).dump( "x", 1, "too late" );
+    }
+
+    Log::Source mySource;
+} ourLate;
+
 using Words = std::vector< std::string >;
 
 std::vector< std::unique_ptr< Log::Source > > ourSources;
@@ -146,7 +161,7 @@ void forkWhileLogging()
     for ( int i = 0; i < 100; ++i ) {
         const ::pid_t child = ::fork();
         if ( child == 0 ) {
-            ::alarm( 20 );
+            ::alarm( 5 );
             const Log::Source source( Log::error, "child" );
             nuvLogTo( source ) << "child";
             Log::LogAppHelper::zoneFlags( Log::defaultZoneFlags, "child" );
@@ -226,6 +241,12 @@ const std::map< std::string, std::function< void( const Words& ) > > ourCommands
       } },
     { "damage", []( const Words& words ) { damage( words ); } },
     { "assert", []( const Words& ) { failAssertion(); } },
+    { "late",
+      []( const Words& ) {
+          ourLate.mySource.severity( Log::error );
+          ourLate.mySource.init( "late" );
+          nuvLogTo( ourLate.mySource ) << "in time";
+      } },
     { "pending", []( const Words& ) { pending(); } },
     { "fork", []( const Words& ) { forkWhileLogging(); } },
     { "ready", []( const Words& ) { std::cout << "ready" << std::endl; } },
