@@ -57,16 +57,18 @@ const char* certaintyKeyword( Finding::Certainty certainty );
 /// Judges one look.
 ///
 /// How it knows:
-/// | object                | taken by the dead              | users, to hold the use count against
-/// |
-/// |-----------------------|--------------------------------|----------------------------------------|
-/// | master                | value 0, last process ended    | (no use count) | | sem_shm_N | same:
-/// it is a lock             | processes attached to shm_N (kernel)   | | sem_evt_N             |
-/// same                           | readers of the FIFO evt_N (/proc/.../fd)| | sem_IpFifo_N,
-/// sem_LogConfigManager, sem_global-shm | same | processes attached to the segment | | sem_pipe_...
-/// | not judged: 0 is a normal value| as any other                           | | any other sem_N |
-/// same, but only likely: it may  | only when no process that uses the     | | | be a signal and no
-/// lock        | library is left: then 0, likely        |
+/// | object                  | taken by the dead          | its users are                        |
+/// |-------------------------|----------------------------|--------------------------------------|
+/// | master                  | value 0, last process ended| (it has no use count)                |
+/// | sem_shm_N               | the same: it is a lock     | processes attached to shm_N (kernel) |
+/// | sem_evt_N               | the same                   | readers of evt_N (/proc/.../fd)      |
+/// | sem_IpFifo_N,           | the same                   | processes attached to the segment    |
+/// | sem_LogConfigManager,   |                            |                                      |
+/// | sem_global-shm          |                            |                                      |
+/// | sem_pipe_...            | not judged: 0 is normal    | as of any other                      |
+/// | any other sem_N         | the same, but only likely: | judged only when no process that     |
+/// |                         | it may be a signal         | uses the library is left: none,      |
+/// |                         |                            | likely                               |
 ///
 /// A forked child inherits attachments without counting as a user, so too few are found rather than
 /// too many. Use counts are not judged while the master semaphore or the object's own is taken, or

@@ -195,7 +195,7 @@ protected:
 /// Errors:  writing reports nothing but through isComplete() and what the stream buffer throws. A
 ///          long outside 32 bits and a string of 2^32 characters or more fail nuvAssert.
 /// Example: OutputArchiver out( stream.rdbuf() ); out.put( 42 ); out << name; out.writeObject(
-/// &route );
+///          &route );
 class NUV_API OutputArchiver : public Archiver
 {
 public:

@@ -52,8 +52,8 @@ private:
 
 /// Raises capabilities for a scope and lowers them at its end if they were raised.
 ///
-/// Errors: the constructor's are those of Capabilities::apply(); a refused lowering at the end has
-///         been logged by the failed check and is otherwise ignored.
+/// Errors:  the constructor's are those of Capabilities::apply(); a refused lowering at the end has
+///          been logged by the failed check and is otherwise ignored.
 class NUV_API ScopedCapabilities
 {
 public:

@@ -35,7 +35,7 @@ namespace Nuv::Utils {
 ///          loading on may change them.
 /// Cost:    a look-up walks one ordered map for each name of the path; it copies no name.
 /// Example: Config config( "etc/mainApp.conf" ); int ms = config.intValue( "pipe", "timeout", 500
-/// );
+///          );
 class NUV_API Config
 {
 public:

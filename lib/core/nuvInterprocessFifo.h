@@ -18,8 +18,8 @@ namespace Nuv::Io {
 /// A reader waits on event() and then reads until read() returns false; a signal stands for any
 /// number of entries. What is in the ring survives the end of one process, not that of all.
 ///
-/// Bytes: the segment "IpFifo_" and the name, of S + 20 bytes for a requested size S, holds a Fifo
-/// and its ring. All integers are unsigned, 32 bits, in host order:
+/// Bytes:   the segment "IpFifo_" and the name, of S + 20 bytes for a requested size S, holds a
+///          Fifo and its ring. All integers are unsigned, 32 bits, in host order:
 ///
 /// | offset | width | field            | meaning                                              |
 /// |--------|-------|------------------|------------------------------------------------------|
@@ -41,8 +41,7 @@ namespace Nuv::Io {
 ///          semaphore was given back; a write() by a thread that is inside an operation of the same
 ///          ring, as the log line of its own failure would be, is discarded.
 /// Errors:  construction fails nuvAssert for a size below minSize or above maxSize, and as
-/// Semaphore,
-///          SharedMemory and Event do; read() and write() as Semaphore::wait().
+///          Semaphore, SharedMemory and Event do; read() and write() as Semaphore::wait().
 /// Cost:    write three system calls (lock, signal, unlock), read two; one copy in, one copy out; a
 ///          write allocates nothing.
 /// Example: InterprocessFifo fifo( "log", 65536 ); fifo.write( Utils::Buffer( "hello" ) );
@@ -57,9 +56,8 @@ public:
     /// The ring as it lies in the segment. Its operations are called with the semaphore held and
     /// take myFifoSize as true: InterprocessFifo compares it with the segment's size first.
     ///
-    /// Errors: too long an entry and a damaged ring (which is emptied) are logged, at severity
-    /// error;
-    ///         deleteOldest() fails nuvAssert for a length beyond what is in the ring.
+    /// Errors:  too long an entry and a damaged ring (which is emptied) are logged, at severity
+    ///          error; deleteOldest() fails nuvAssert for a length beyond what is in the ring.
     struct NUV_API Fifo
     {
         std::uint32_t myFifoSize;
@@ -156,7 +154,7 @@ static_assert( offsetof( InterprocessFifo::Fifo, myNbrOfBytesFree ) == 12 );
 ///
 /// Threads: one at a time.
 /// Example: InterprocessOStreamBuf buf( &fifo ); std::ostream( &buf ) << "n " << n;
-/// buf.writeFifo();
+///          buf.writeFifo();
 class NUV_API InterprocessOStreamBuf : public Utils::BufferOStreamBuf
 {
 public:

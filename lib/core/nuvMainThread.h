@@ -28,10 +28,9 @@ namespace Nuv::Mt {
 ///
 /// Threads: the initial one, once at a time.
 /// Errors:  nuvAssert ("Nuv::main != NULL") in a program that defines no Nuv::main;
-/// nuvCheckResource
-///          ("thrOk", "errno == EINTR") without a thread or when waiting fails. An exception that
-///          an observer of a signal throws is logged as that of a thread is, and dispatching goes
-///          on.
+///          nuvCheckResource ("thrOk", "errno == EINTR") without a thread or when waiting fails. An
+///          exception that an observer of a signal throws is logged as that of a thread is, and
+///          dispatching goes on.
 /// Cost:    the end of Nuv::main is noticed within 250 ms, a signal at once.
 /// Example: int main( int argc, char** argv ) { return Nuv::Mt::startMainThread( argc, argv ); }
 /// @return what Nuv::main returned, -1 if it threw

@@ -25,7 +25,7 @@ namespace Nuv::Io {
 ///          windowOffset() succeeds.
 /// Owns:    descriptor and window; the destructor flushes asynchronously.
 /// Example: MemoryMappedFile f( path, 1 << 20, 65536, MemoryMappedFile::readWrite );
-/// f.windowOffset( 70000 );
+///          f.windowOffset( 70000 );
 class NUV_API MemoryMappedFile
 {
 public:

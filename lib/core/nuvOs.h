@@ -59,8 +59,7 @@ private:
 ///          another thread. When the last of overlapping scopes ends, the process is back at the id
 ///          from before the first, never left with the owner's.
 /// Errors:  what cannot be switched back is logged at fatal; the next euidToLogin(), the
-/// destructor's
-///          at the latest, tries again.
+///          destructor's at the latest, tries again.
 /// Example: Suid suid; if ( suid.euidToFileOwner() ) { ... } // back at the scope's end
 class NUV_API Suid
 {

@@ -106,7 +106,7 @@ protected:
 ///          name in use; `nuvctl ipc doctor` tells them from a live server's, which holds an O_PATH
 ///          descriptor on the FIFO to it, and `nuvctl ipc repair` removes them.
 /// Example: ServerPipe p( "control" ); p.connect(); p.readMsg( &m ); p.writeMsg( answer );
-/// p.disconnect();
+///          p.disconnect();
 class NUV_API ServerPipe : public PipeEnd
 {
 public:
@@ -147,7 +147,7 @@ private:
 /// Errors:  Exception as each member says, after a line in the zone "IoPipe" at error severity.
 /// Owns:    its semaphores' use and its descriptors; it makes and removes no FIFO.
 /// Example: ClientPipe p( "control" ); p.connect( 5000, false ); p.writeMsg( m ); p.readMsg( &a, 30
-/// );
+///          );
 class NUV_API ClientPipe : public PipeEnd
 {
 public:

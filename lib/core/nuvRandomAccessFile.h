@@ -24,7 +24,7 @@ namespace Nuv::Io {
 ///          nuvCheckResource; the position is then what it was before the call.
 /// Owns:    its descriptor.
 /// Example: RandomAccessFile f( path, 4096, RandomAccessFile::readWrite ); f.seek( 8 ); f.write( p,
-/// 4 );
+///          4 );
 class NUV_API RandomAccessFile
 {
 public:

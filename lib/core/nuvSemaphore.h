@@ -98,8 +98,8 @@ private:
 
 /// A named counting semaphore shared between processes.
 ///
-/// Bytes: the key file is "sem_" and the name, "/" replaced by "-", in the interprocess-
-/// communication directory; its inode number is the key of a System V set:
+/// Bytes:   the key file is "sem_" and the name, "/" replaced by "-", in the interprocess-
+///          communication directory; its inode number is the key of a System V set:
 ///
 /// | set              | index | role                                             | when created  |
 /// |------------------|-------|--------------------------------------------------|---------------|
@@ -188,11 +188,10 @@ private:
 
 /// Holds a Semaphore for a scope.
 ///
-/// | state    | lock()             | lock( timeoutMs )               | unlock()        | destructor
-/// |
-/// |----------|--------------------|---------------------------------|-----------------|------------|
-/// | unlocked | waits; locked      | locked if taken, else unchanged | posts; unlocked | nothing |
-/// | locked   | waits: for itself  | times out: for itself           | posts; unlocked | posts |
+/// | state    | lock()            | lock( timeoutMs )         | unlock()        | destructor |
+/// |----------|-------------------|---------------------------|-----------------|------------|
+/// | unlocked | waits; locked     | locked if taken, else not | posts; unlocked | nothing    |
+/// | locked   | waits: for itself | times out: for itself     | posts; unlocked | posts      |
 ///
 /// Threads: one; not shared.
 /// Errors:  a null semaphore fails nuvAssert; lock() as Semaphore::wait().

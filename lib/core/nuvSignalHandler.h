@@ -17,19 +17,19 @@ namespace Nuv::Mt {
 /// Signals outside signal context: what the system delivers goes through a pipe to the initial
 /// thread, which hands it, one signal at a time, to the attached observers.
 ///
-/// | signals                                       | before the singleton | from then on |
-/// |-----------------------------------------------|----------------------|-------------------------|
-/// | HUP INT USR1 USR2 QUIT CONT TTIN TTOU TERM    | blocked in every     | into the pipe; blocked
-/// | | CHLD PIPE ALRM IO URG PWR ("interrupt")       | thread               | in all threads but
-/// the  | |                                               |                      | constructing one
-/// | | ILL ABRT BUS SEGV FPE ("crash")               | as the system does   | crash report |
+/// | signals                              | before the singleton    | from then on                 |
+/// |--------------------------------------|-------------------------|------------------------------|
+/// | interrupt: HUP INT USR1 USR2 QUIT    | blocked in every thread | into the pipe; blocked in    |
+/// | CONT TTIN TTOU TERM CHLD PIPE ALRM   |                         | all threads but the one that |
+/// | IO URG PWR                           |                         | constructed the singleton    |
+/// | crash: ILL ABRT BUS SEGV FPE         | as the system does      | crash report                 |
 ///
-/// | dispatched signal is                          | no observer | claimed by one | claimed by none
-/// |
-/// |-----------------------------------------------|-------------|----------------|-----------------|
-/// | SIGABRT                                       | nothing     | nothing        | abort() | |
-/// another of ourDefaultTerminationSignals       | nothing     | nothing        | exit( -1 )      |
-/// | any other                                     | nothing     | nothing        | nothing |
+/// | dispatched signal        | no observer | claimed by one | claimed by none |
+/// |--------------------------|-------------|----------------|-----------------|
+/// | SIGABRT                  | nothing     | nothing        | abort()         |
+/// | another of               | nothing     | nothing        | exit( -1 )      |
+/// | ourDefaultTermination... |             |                |                 |
+/// | any other                | nothing     | nothing        | nothing         |
 ///
 /// The handlers are installed without automatic restart, so a blocking call in the constructing
 /// thread, or within an InterruptibleCall, returns as interrupted (EINTR). With the pipe full

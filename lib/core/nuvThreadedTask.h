@@ -29,8 +29,7 @@ namespace Nuv::Mt {
 /// standard source, "errSystemError threadStart catch" and a tag for its category.
 ///
 /// Threads: any thread may request the exit, wait or terminate; resume() is for the constructing
-/// one.
-///          The function runs concurrently with the rest of a derived class's constructor: a
+///          one. The function runs concurrently with the rest of a derived class's constructor: a
 ///          derived class that it uses starts suspended.
 /// Errors:  the constructors fail nuvCheckResource if there is no thread to be had ("thrOk") and
 ///          nuvAssert for a priority outside the enumeration.

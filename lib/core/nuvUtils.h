@@ -293,7 +293,8 @@ private:
 ///
 /// Threads: one at a time.
 /// Errors:  none; a failing close is not repeated (the descriptor is gone), and errno stays as it
-/// was. Owns:    the descriptor; moved, never copied.
+///          was.
+/// Owns:    the descriptor; moved, never copied.
 class NUV_API Handle
 {
 public:
