@@ -17,12 +17,12 @@ namespace Nuv::Mt {
 /// Signals outside signal context: what the system delivers goes through a pipe to the initial
 /// thread, which hands it, one signal at a time, to the attached observers.
 ///
-/// | signals                              | before the singleton    | from then on                 |
-/// |--------------------------------------|-------------------------|------------------------------|
-/// | interrupt: HUP INT USR1 USR2 QUIT    | blocked in every thread | into the pipe; blocked in    |
-/// | CONT TTIN TTOU TERM CHLD PIPE ALRM   |                         | all threads but the one that |
-/// | IO URG PWR                           |                         | constructed the singleton    |
-/// | crash: ILL ABRT BUS SEGV FPE         | as the system does      | crash report                 |
+/// | signals                              | before the singleton    | from then on                |
+/// |--------------------------------------|-------------------------|-----------------------------|
+/// | interrupt: HUP INT USR1 USR2 QUIT    | blocked in every thread | into the pipe; blocked in   |
+/// | CONT TTIN TTOU TERM CHLD PIPE ALRM   |                         | all threads but one: the    |
+/// | IO URG PWR                           |                         | constructor of the singleton|
+/// | crash: ILL ABRT BUS SEGV FPE         | as the system does      | crash report                |
 ///
 /// | dispatched signal        | no observer | claimed by one | claimed by none |
 /// |--------------------------|-------------|----------------|-----------------|
