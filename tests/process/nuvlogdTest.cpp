@@ -134,10 +134,10 @@ TEST_F( Nuvlogd, LinesThatWereOverwrittenAreCountedExactly )
 {
     configure( bigFile + std::string( "fifoSizeInK = 8\n" ) );
     const auto daemonPtr = startDaemon();
-    ChildProcess writer( program( "logEmitter" ), emitter( 500, "line" ) );
     constexpr int nbrOfRounds = 4;
+    stopOutsideOfTheRing( *daemonPtr ); // while 500 lines go into a ring that holds fewer
+    ChildProcess writer( program( "logEmitter" ), emitter( 500, "line" ) );
     for ( int round = 1; round <= nbrOfRounds; ++round ) {
-        stopOutsideOfTheRing( *daemonPtr );
         EXPECT_EQ( writer.readLine(), "done" );
         daemonPtr->kill( SIGCONT );
         const auto isAccounted = [&] {
@@ -145,6 +145,8 @@ TEST_F( Nuvlogd, LinesThatWereOverwrittenAreCountedExactly )
         };
         EXPECT_TRUE( waitFor( isAccounted, std::chrono::seconds( 20 ) ) )
             << nbrOfLinesWith( "zone/W line" ) << " + " << nbrReportedLost();
+        if ( round < nbrOfRounds )
+            stopOutsideOfTheRing( *daemonPtr );
         writer.writeInput( round < nbrOfRounds ? "more\n" : "end\n" );
     }
     EXPECT_GT( nbrReportedLost(), 1000 );
