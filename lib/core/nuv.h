@@ -6,6 +6,9 @@
 
 /// Marks what the shared library exports; everything else is hidden.
 #define NUV_API __attribute__( ( visibility( "default" ) ) )
+/// For what runs while the library is loaded: stands side by side in memory, so that a program that
+/// only links the library maps few pages of its code.
+#define NUV_STARTUP __attribute__( ( section( ".text.startup" ) ) )
 
 namespace Nuv {
 

@@ -104,7 +104,7 @@ private:
 
 } // namespace
 
-CapabilityDevice& CapabilityDevice::instance()
+NUV_STARTUP CapabilityDevice& CapabilityDevice::instance()
 {
     if ( CapabilityDevice* const substitutePtr =
              ourSubstitutePtr.load( std::memory_order_acquire ) )

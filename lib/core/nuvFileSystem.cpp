@@ -319,7 +319,7 @@ void renewAfterFork()
 
 } // namespace
 
-void UmaskScope::watchForks()
+NUV_STARTUP void UmaskScope::watchForks()
 {
     [[maybe_unused]] static const int registered =
         ::pthread_atfork( &lockForFork, &unlockAfterFork, &renewAfterFork );

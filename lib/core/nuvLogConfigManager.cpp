@@ -560,7 +560,7 @@ void ConfigManager::afterForkInChild()
 }
 
 /// At start-up, before there are threads: a fork may come at any time after the first lock.
-bool ConfigManager::watchForks()
+NUV_STARTUP bool ConfigManager::watchForks()
 {
     // What these handlers lock comes behind the manager's mutex; before a fork the newest handler
     // runs first.

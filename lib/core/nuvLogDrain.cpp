@@ -70,7 +70,7 @@ void afterForkInChild()
 }
 
 /// The process id is asked for once, not with every line.
-::pid_t processId()
+NUV_STARTUP ::pid_t processId()
 {
     ::pid_t id = ourProcessId.load( std::memory_order_relaxed );
     if ( id == 0 ) {
@@ -479,7 +479,7 @@ void Drain::seekFileMarker()
         myFile.seekMarker();
 }
 
-void Drain::registerForkHandlers()
+NUV_STARTUP void Drain::registerForkHandlers()
 {
     processId();
 }

@@ -46,12 +46,12 @@ bool isSwitching()
 
 } // namespace
 
-SetupEffectiveUserId* SetupEffectiveUserId::singletonPtr()
+NUV_STARTUP SetupEffectiveUserId* SetupEffectiveUserId::singletonPtr()
 {
     return Singleton< SetupEffectiveUserId >::ptr( SetupEffectiveUserIdSingletonPtrMutex );
 }
 
-SetupEffectiveUserId::SetupEffectiveUserId()
+NUV_STARTUP SetupEffectiveUserId::SetupEffectiveUserId()
     : myLoginId( ::getuid() )
     , myFileOwnerId( ::geteuid() )
 {

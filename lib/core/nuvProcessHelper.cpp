@@ -44,12 +44,12 @@ std::vector< char* > argumentVector( Buffer* argsPtr, std::string* commandPtr )
 
 } // namespace
 
-ProcessHelper* ProcessHelper::singletonPtr()
+NUV_STARTUP ProcessHelper* ProcessHelper::singletonPtr()
 {
     return Singleton< ProcessHelper >::ptr( ProcessHelperSingletonPtrMutex );
 }
 
-ProcessHelper::ProcessHelper()
+NUV_STARTUP ProcessHelper::ProcessHelper()
 {
     Mt::SignalHandler::blockSignals();
 }

@@ -209,7 +209,7 @@ void SignalHandler::sigHandlerRoutine( int sig )
     std::exit( -1 );
 }
 
-sigset_t SignalHandler::interruptSet()
+NUV_STARTUP sigset_t SignalHandler::interruptSet()
 {
     sigset_t set;
     sigemptyset( &set );
@@ -219,7 +219,7 @@ sigset_t SignalHandler::interruptSet()
     return set;
 }
 
-void SignalHandler::blockSignals()
+NUV_STARTUP void SignalHandler::blockSignals()
 {
     const sigset_t set = SignalHandler::interruptSet();
     ::pthread_sigmask( SIG_BLOCK, &set, &ourDefaultAppSet );
