@@ -6,26 +6,20 @@
 
 #include "nuvInterprocessFifo.h"
 
+#include "nuvFuzz.h"
 #include "nuvLog.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 namespace {
 
 using Nuv::Utils::Buffer;
+using NuvFuzz::require;
 using Fifo = Nuv::Io::InterprocessFifo::Fifo;
 
 constexpr std::size_t nbrOfHeaderBytes = sizeof( Fifo );
 constexpr std::size_t maxNbrOfSteps = 16;
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
 
 void step( Fifo& fifo, std::uint8_t what )
 {

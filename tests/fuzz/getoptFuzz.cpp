@@ -1,21 +1,16 @@
 // The option parser on any options and arguments: it ends, stays within its arguments and returns
 // nothing but options and '?'.
 
+#include "nuvFuzz.h"
 #include "nuvGetopt.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
 
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
+using NuvFuzz::require;
 
 bool isWithin( const char* ptr, const std::vector< std::string >& texts )
 {

@@ -1,21 +1,15 @@
 // The log configuration: whatever the file holds, what is made of it lies within the limits that
 // zones, drains and the FIFO rely on.
 
+#include "nuvFuzz.h"
 #include "nuvInterprocessFifo.h"
 #include "nuvLogSettings.h"
-
-#include <cstdint>
-#include <cstdlib>
 
 using namespace Nuv;
 
 namespace {
 
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
+using NuvFuzz::require;
 
 void checkNamed( const Log::Settings& settings, const Log::ZoneName& name )
 {

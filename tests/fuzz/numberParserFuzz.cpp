@@ -1,19 +1,15 @@
 // The number parsers on any text, beside the C library's where both know the form.
 
+#include "nuvFuzz.h"
 #include "nuvUtils.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 #include <string>
 
 namespace {
 
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
+using NuvFuzz::require;
 
 // Whether the text has the prefix of base 16, which the two treat differently.
 bool hasHexPrefix( const std::string& text )

@@ -8,9 +8,6 @@
 #include "nuvMpi.h"
 #include "nuvTestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <random>
 #include <sstream>
 #include <string>
@@ -18,45 +15,49 @@
 namespace Nuv::Utils {
 namespace {
 
-// The output of a shell command on "$1"; a test failure if it fails.
-NuvTest::Outcome shell( const std::string& command, const std::string& argument = "" )
+// A generator for each test, so that its input is the same when it runs alone.
+using Engine = std::mt19937_64;
+
+bool isMissing( const std::string& command )
 {
-    NuvTest::Start start;
-    start.arguments = { "-c", command, "sh", argument };
-    return NuvTest::runProgram( "/bin/sh", start );
+    return NuvTest::runProgram( "/bin/sh", { { "-c", "command -v " + command }, {} } )
+               .exitStatus() != 0;
 }
 
-std::string outputOf( const std::string& command, const std::string& argument )
+#define NUV_SKIP_WITHOUT_COMMAND( name )                                                           \
+    if ( isMissing( name ) )                                                                       \
+    GTEST_SKIP() << name " is not installed"
+
+// The output of a shell command on the file "$1" that holds the input.
+std::string outputOf( const std::string& command, const std::string& input )
 {
-    const NuvTest::Outcome outcome = shell( command, argument );
+    const NuvTest::TemporaryFolder folder;
+    NuvTest::writeFile( folder.path( "input" ), input );
+    const NuvTest::Outcome outcome =
+        NuvTest::runProgram( "/bin/sh", { { "-c", command, "sh", folder.path( "input" ) }, {} } );
     EXPECT_EQ( 0, outcome.exitStatus() ) << outcome.output << outcome.errors;
     return outcome.output;
 }
 
-#define NUV_SKIP_WITHOUT_COMMAND( name )                                                           \
-    if ( shell( "command -v " name ).exitStatus() != 0 )                                           \
-    GTEST_SKIP() << name " is not installed"
-
-std::string randomBytes( std::mt19937_64* enginePtr, std::size_t size )
+std::string randomBytes( Engine& engine, std::size_t size )
 {
     std::string bytes;
     while ( bytes.size() < size )
-        bytes += static_cast< char >( ( *enginePtr )() );
+        bytes += static_cast< char >( engine() );
     return bytes;
 }
 
 // Small numbers and full ones alike.
-Int128 randomNumber( std::mt19937_64* enginePtr )
+Int128 randomNumber( Engine& engine )
 {
-    const UInt128 bits( ( *enginePtr )(), ( *enginePtr )() );
-    return Int128( bits >> static_cast< unsigned int >( ( *enginePtr )() % 128 ) );
+    return Int128( UInt128( engine(), engine() ) >> static_cast< unsigned int >( engine() % 128 ) );
 }
 
 std::string text( const Int128& number )
 {
     Buffer buffer;
     number.toString( &buffer, 10 );
-    return buffer.str();
+    return buffer.str() + ' ';
 }
 
 template < class Item >
@@ -68,46 +69,40 @@ const Item& as( const BEncoder::ItemPtr& itemPtr )
 TEST( CrcPeer, ZlibGivesTheSameSums )
 {
     NUV_SKIP_WITHOUT_COMMAND( "python3" );
-    const NuvTest::TemporaryFolder folder;
-    std::mt19937_64 engine( 11 );
-    const std::string bytes = randomBytes( &engine, 5000 );
-    NuvTest::writeFile( folder.path( "bytes" ), bytes );
-    // zlib takes and gives the finished sum: the register inverted.
-    std::istringstream lines( outputOf( R"(python3 -c '
+    Engine engine( 11 );
+    const std::string bytes = randomBytes( engine, 5000 );
+    std::ostringstream ours;
+    for ( std::size_t n = 7; n < bytes.size(); n += 97 ) {
+        // zlib takes and gives the finished sum: the register inverted.
+        Crc32 continued( ~std::uint32_t( 12345 ) );
+        Crc16 crc16( static_cast< std::uint16_t >( n ) );
+        ours << Crc32::checksum( bytes.data() + n % 7, n - n % 7 ) << ' '
+             << ~continued.update( bytes.data(), n ).value() << ' '
+             << crc16.update( bytes.data(), n ).value() << '\n';
+    }
+    EXPECT_EQ( ours.str(), outputOf( R"(python3 -c '
 import sys, zlib, binascii
 b = open(sys.argv[1], "rb").read()
 for n in range(7, len(b), 97):
     print(zlib.crc32(b[n % 7:n]), zlib.crc32(b[:n], 12345), binascii.crc_hqx(b[:n], n))' "$1")",
-                                        folder.path( "bytes" ) ) );
-    for ( std::size_t n = 7; n < bytes.size(); n += 97 ) {
-        std::uint32_t whole = 0, continued = 0, crc16 = 0;
-        ASSERT_TRUE( lines >> whole >> continued >> crc16 );
-        EXPECT_EQ( whole, Crc32::checksum( bytes.data() + n % 7, n - n % 7 ) );
-        EXPECT_EQ( continued, ~Crc32( ~std::uint32_t( 12345 ) ).update( bytes.data(), n ).value() );
-        const Crc16 begun( static_cast< std::uint16_t >( n ) );
-        EXPECT_EQ( crc16, Crc16( begun ).update( bytes.data(), n ).value() );
-    }
+                                     bytes ) );
 }
 
 TEST( Base64Peer, CoreutilsReadsAndWritesTheSameText )
 {
     NUV_SKIP_WITHOUT_COMMAND( "base64" );
-    const NuvTest::TemporaryFolder folder;
-    std::mt19937_64 engine( 12 );
+    Engine engine( 12 );
     for ( const std::size_t size : { 0, 1, 44, 45, 46, 100, 4999, 100000 } ) {
         SCOPED_TRACE( size );
-        const std::string bytes = randomBytes( &engine, size );
-        NuvTest::writeFile( folder.path( "bytes" ), bytes );
-        const std::string theirs = outputOf( "base64 -w 60 \"$1\"", folder.path( "bytes" ) );
+        const std::string bytes = randomBytes( engine, size );
+        const std::string theirs = outputOf( "base64 -w 60 \"$1\"", bytes );
         Base64 base64( Base64::growOutput );
-        Buffer ours;
+        Buffer ours, decoded;
         base64.forwardUpdate( bytes, &ours );
         base64.forwardFinal( &ours );
         // They end every line with a line feed, we only full ones.
         EXPECT_EQ( theirs, ours.str() + ( ours.size() % 61 != 0 ? "\n" : "" ) );
-        NuvTest::writeFile( folder.path( "text" ), ours.str() );
-        EXPECT_EQ( bytes, outputOf( "base64 -d \"$1\"", folder.path( "text" ) ) );
-        Buffer decoded;
+        EXPECT_EQ( bytes, outputOf( "base64 -d \"$1\"", ours.str() ) );
         base64.reverseUpdate( theirs, &decoded );
         base64.reverseFinal( &decoded );
         EXPECT_EQ( bytes, decoded.str() );
@@ -117,21 +112,17 @@ TEST( Base64Peer, CoreutilsReadsAndWritesTheSameText )
 TEST( Int128Peer, PythonComputesTheSame )
 {
     NUV_SKIP_WITHOUT_COMMAND( "python3" );
-    const NuvTest::TemporaryFolder folder;
-    std::mt19937_64 engine( 13 );
-    std::ostringstream input;
-    std::ostringstream ours;
+    Engine engine( 13 );
+    std::ostringstream input, ours;
     for ( int i = 0; i < 3000; ++i ) {
-        const Int128 a = randomNumber( &engine );
-        const Int128 b = randomNumber( &engine ) | 1;
+        const Int128 a = randomNumber( engine ), b = randomNumber( engine ) | 1;
         const unsigned int count = static_cast< unsigned int >( engine() % 128 );
-        input << text( a ) << ' ' << text( b ) << ' ' << count << '\n';
+        input << text( a ) << text( b ) << count << '\n';
         for ( const Int128& result : { a + b, a - b, a * b, a / b, a % b, a & b, a | b, a ^ b, ~a,
-                                       -b, a << count, a >> count } )
-            ours << text( result ) << ' ';
-        ours << ( a < b ) << ' ' << text( Int128( a.toDouble() ) ) << '\n';
+                                       -b, a << count, a >> count, Int128( a.toDouble() ) } )
+            ours << text( result );
+        ours << ( a < b ) << '\n';
     }
-    NuvTest::writeFile( folder.path( "numbers" ), input.str() );
     EXPECT_EQ( ours.str(), outputOf( R"(python3 -c '
 import sys
 def wrap(n): return (n + 2**127) % 2**128 - 2**127
@@ -139,16 +130,16 @@ def cut(a, b): return abs(a) // abs(b) * (1 if (a < 0) == (b < 0) else -1)
 for line in open(sys.argv[1]):
     a, b, n = map(int, line.split())
     q = cut(a, b)
-    r = (a + b, a - b, a * b, q, a - q * b, a & b, a | b, a ^ b, ~a, -b, a << n, a >> n)
-    print(*map(wrap, r), int(a < b), wrap(int(float(a))))' "$1")",
-                                     folder.path( "numbers" ) ) );
+    r = (a + b, a - b, a * b, q, a - q * b, a & b, a | b, a ^ b, ~a, -b, a << n, a >> n,
+         int(float(a)))
+    print(*map(wrap, r), int(a < b))' "$1")",
+                                     input.str() ) );
 }
 
 TEST( MpiPeer, PythonReadsAndWritesTheSameDecimals )
 {
     NUV_SKIP_WITHOUT_COMMAND( "python3" );
-    const NuvTest::TemporaryFolder folder;
-    std::mt19937_64 engine( 14 );
+    Engine engine( 14 );
     std::string input;
     std::ostringstream ours;
     for ( int i = 0; i < 200; ++i ) {
@@ -161,30 +152,25 @@ TEST( MpiPeer, PythonReadsAndWritesTheSameDecimals )
         Buffer back;
         number.getAsciiDecimal( &back );
         EXPECT_EQ( digits, back.str() );
-        ours << std::hex;
         for ( const char byte : number.bytes() )
-            ours << ( byte >> 4 & 15 ) << ( byte & 15 );
+            ours << std::hex << ( byte >> 4 & 15 ) << ( byte & 15 );
         ours << ' ' << std::dec << number.sizeInBits() << '\n';
     }
-    NuvTest::writeFile( folder.path( "digits" ), input );
     EXPECT_EQ( ours.str(), outputOf( R"(python3 -c '
 import sys
 for n in map(int, open(sys.argv[1])):
     print(n.to_bytes((n.bit_length() + 7) // 8, "big").hex(), n.bit_length())' "$1")",
-                                     folder.path( "digits" ) ) );
+                                     input ) );
 }
 
 TEST( BEncoderPeer, ReadsAndRewritesWhatMktorrentMade )
 {
     NUV_SKIP_WITHOUT_COMMAND( "mktorrent" );
-    const NuvTest::TemporaryFolder folder;
-    std::mt19937_64 engine( 15 );
-    NuvTest::writeFile( folder.path( "set/first.bin" ), randomBytes( &engine, 300000 ) );
-    NuvTest::writeFile( folder.path( "set/below/second.bin" ), randomBytes( &engine, 1000 ) );
-    outputOf(
-        "cd \"$1\" && mktorrent -a http://127.0.0.1:8000/announce -c 'a remark' -l 15 -o made set",
-        folder.path() );
-    const std::string made = NuvTest::readFile( folder.path( "made" ) );
+    const std::string made =
+        outputOf( "mkdir \"$1.set\" && cd \"$1.set\" && split -b 200000 \"$1\" && "
+                  "mktorrent -a http://127.0.0.1:8000/announce -c 'a remark' -l 15 -o ../made . "
+                  ">&2 && cat ../made",
+                  std::string( 300000, 'x' ) );
     IBufferStream stream( made );
     const BEncoder::ItemPtr topPtr = BEncoder::decode( stream );
     OBufferStream again;

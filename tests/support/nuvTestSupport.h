@@ -25,6 +25,18 @@ std::string readFile( const std::string& pathname );
 /// Creates missing directories, replaces what the file held; a test failure when it cannot.
 void writeFile( const std::string& pathname, const std::string& bytes );
 
+/// @return the text of the exception of this type that the action throws, "" if it throws none
+template < class Exception, class Action >
+std::string textOf( const Action& action )
+{
+    try {
+        action();
+    } catch ( const Exception& exception ) {
+        return exception.what();
+    }
+    return "";
+}
+
 /// A folder below HOME that lives as long as the object.
 class TemporaryFolder
 {
