@@ -35,6 +35,7 @@ char ourPreviousCrashFile[PATH_MAX] = "";
 
 // The process that has entered the handler: a forked child has an id of its own and may crash too.
 std::atomic< pid_t > ourCrashedProcessId = 0;
+std::atomic< pid_t > ourCrashedThreadId = 0; // the one that reports
 static_assert( std::atomic< pid_t >::is_always_lock_free );
 
 void copyPath( char ( &destination )[PATH_MAX], const std::string& path )
@@ -283,12 +284,24 @@ void leaveToSystem( int sig )
     ::raise( sig ); // pending until the handler returns, since it blocks the crash signals
 }
 
+// A thread that crashes while another one reports: back in abort() it would end the process in the
+// middle of the report. Not for ever, though: the other one may hang.
+void waitForReport()
+{
+    constexpr int maxMs = 10000;
+    ::poll( nullptr, 0, maxMs );
+}
+
 // Calls backtrace() itself, so that frame 0 is this function and frame 1 the signal trampoline.
 void coreSigHandler( int sig, siginfo_t*, void* contextPtr )
 {
     const pid_t processId = ::getpid();
-    if ( ourCrashedProcessId.exchange( processId, std::memory_order_relaxed ) == processId )
+    if ( ourCrashedProcessId.exchange( processId, std::memory_order_relaxed ) == processId ) {
+        if ( ourCrashedThreadId.load( std::memory_order_relaxed ) != ::gettid() )
+            waitForReport();
         return;
+    }
+    ourCrashedThreadId.store( ::gettid(), std::memory_order_relaxed );
     SubsystemInfo::markCrashed();
     if ( isCoreFileEnabled() ) {
         leaveToSystem( sig );

@@ -20,7 +20,8 @@ namespace Nuv::Mt {
 /// report goes to standard output if the directory or the file cannot be opened. It holds, in
 /// this order: process id and signal number, the registers, a line for each of up to 128 return
 /// addresses; the second of them, the signal trampoline, is replaced by the faulting instruction.
-/// A crash signal that comes while the process already handles one is left alone.
+/// A crash signal that comes while the process already handles one is left alone; another thread
+/// that gets one waits up to ten seconds, so that the report is finished.
 ///
 /// Threads: the handler runs on whatever thread crashed. It allocates nothing, takes no lock and
 ///          loads nothing, so a crash inside malloc, or with any lock of the process held, reports

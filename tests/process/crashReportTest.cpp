@@ -132,6 +132,7 @@ TEST_F( CrashReport, EachCrashSignalEndsTheProcessWithOneReport )
         { "ill", SIGILL },
         { "bus", SIGBUS },
         { "two", SIGSEGV },
+        { "abortMeanwhile", SIGSEGV },
         { "overflow", SIGSEGV },
 #if !defined( __SANITIZE_ADDRESS__ ) && !defined( __SANITIZE_THREAD__ ) // they bring another malloc
         { "malloc", SIGSEGV }

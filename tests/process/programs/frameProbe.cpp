@@ -221,6 +221,18 @@ void twoThreads()
     Task b( "b", &crash );
 }
 
+// The handler goes to the core directory; another thread aborts once the report has begun there.
+void abortMeanwhile()
+{
+    Body abort = []() -> unsigned int {
+        while ( ::access( "core.txt", F_OK ) != 0 ) {
+        }
+        std::abort();
+    };
+    Task other( "other", &abort );
+    segv();
+}
+
 void forkedChild()
 {
     const pid_t childId = ::fork();
@@ -285,6 +297,7 @@ constexpr Mode< void > crashes[] = {
     { "bus", &bus },
     { "malloc", &insideMalloc },
     { "two", &twoThreads },
+    { "abortMeanwhile", &abortMeanwhile },
     { "forkedChild", &forkedChild },
     { "overflow", [] { overflow( 0 ); } },
     { "core", // enabled, but too small for one to be written
