@@ -223,12 +223,12 @@ bool ThreadedTask::waitForTaskCompletion( unsigned int timeoutMs )
 bool ThreadedTask::terminateThread()
 {
     bool isAccepted = false;
+    // First: neither the thread that reacts nor whom the event wakes shall find the task running.
+    myRunning.store( false, std::memory_order_release );
     {
         const MutexLock joinLock( myJoinMutex );
         isAccepted = !myIsJoining && ::pthread_cancel( myThread ) == 0;
     }
-    // In this order, so that whom the event wakes does not find the task running.
-    myRunning.store( false, std::memory_order_release );
     myCompletionEvent.signal();
     return isAccepted;
 }
@@ -290,7 +290,11 @@ __attribute__( ( no_sanitize( "null" ) ) ) bool ThreadedTask::run()
         runFunction();
         return true;
     } catch ( abi::__forced_unwind& ) {
-        throw; // of terminateThread(): it must run through
+        // Not of terminateThread(): pthread_exit(), or a cancellation by others. Whoever waits for
+        // the task must not do so for ever.
+        if ( isRunning() )
+            end( false );
+        throw; // it must run through
     } catch ( ... ) {
         logEscapedException( "errSystemError threadStart catch" );
     }
@@ -306,6 +310,15 @@ void ThreadedTask::runFunction()
 }
 
 // After the completion event the task may be in its destructor, which joins this thread.
+void ThreadedTask::end( bool isNormal )
+{
+    myRunning.store( false, std::memory_order_release );
+    myCompletionEvent.signal();
+    SubsystemInfo::threadletonPtr()->releaseDetail(
+        isNormal ? SubsystemInfo::stateEndedNormally : SubsystemInfo::stateEndedByException );
+    ThreadletonMgr::singletonPtr()->deleteThreadletons();
+}
+
 void* ThreadedTask::threadStart( void* taskPtr )
 {
     const Cancellation disabled( PTHREAD_CANCEL_DISABLE );
@@ -314,11 +327,7 @@ void* ThreadedTask::threadStart( void* taskPtr )
     const AlternateSignalStack signalStack;
     SubsystemInfo::threadletonPtr()->leaveDetailAtThreadEnd();
     const bool isNormal = thisPtr->run();
-    thisPtr->myRunning.store( false, std::memory_order_release );
-    thisPtr->myCompletionEvent.signal();
-    SubsystemInfo::threadletonPtr()->releaseDetail(
-        isNormal ? SubsystemInfo::stateEndedNormally : SubsystemInfo::stateEndedByException );
-    ThreadletonMgr::singletonPtr()->deleteThreadletons();
+    thisPtr->end( isNormal );
     return reinterpret_cast< void* >( isNormal ? 0L : -1L );
 }
 

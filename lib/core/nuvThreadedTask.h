@@ -26,7 +26,8 @@ namespace Nuv::Mt {
 /// The thread shows itself in its status record (description: the name), takes its priority, calls
 /// the function, and at its end releases the record and deletes its threadletons. An exception that
 /// escapes the function ends the thread, not the process: it is logged as one fatal message of the
-/// standard source, "errSystemError threadStart catch" and a tag for its category.
+/// standard source, "errSystemError threadStart catch" and a tag for its category. A function that
+/// is left by pthread_exit(), or cancelled by others than terminateThread(), ends it too, silently.
 ///
 /// Threads: any thread may request the exit, wait or terminate; resume() is for the constructing
 ///          one. The function runs concurrently with the rest of a derived class's constructor: a
@@ -94,7 +95,8 @@ public:
     /// record stays as it is and its threadletons stay undeleted. What the function holds by other
     /// means than objects on its stack stays taken, and unwinding through a destructor or another
     /// noexcept function ends the process; so this is for functions written for it.
-    /// waitForTaskCompletion() joins the thread and blocks until it has reacted.
+    /// waitForTaskCompletion() joins the thread and blocks until it has reacted; a suspended one
+    /// reacts when it is resumed, without calling the function.
     /// @return whether the request was accepted; false when the thread is (being) joined
     bool terminateThread();
 
@@ -131,6 +133,7 @@ private:
     void createThread( StartState startState );
     bool run();
     void runFunction();
+    void end( bool isNormal );
     static void* threadStart( void* taskPtr );
 
     TaskFunction myFunction;

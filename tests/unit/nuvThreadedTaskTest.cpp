@@ -131,11 +131,12 @@ TEST_F( ThreadedTasks, DestructionBlocksUntilTheFunctionReturns )
     EXPECT_TRUE( isDestroyed );
 }
 
-TEST_F( ThreadedTasks, EscapedExceptionAndMissingFunctionEndTheThreadOnly )
+TEST_F( ThreadedTasks, WithoutAFunctionThatReturnsEndTheThreadOnly )
 {
     Body throwing = []( ThreadedTask& ) -> unsigned int { throw 1; };
-    for ( ThreadedTask::TaskFunction function : { &runBody, ThreadedTask::TaskFunction{} } ) {
-        ThreadedTask task( function, nullptr, &throwing, normal );
+    Body leaving = []( ThreadedTask& ) -> unsigned int { ::pthread_exit( nullptr ); };
+    for ( Body* const bodyPtr : { &throwing, &leaving, static_cast< Body* >( nullptr ) } ) {
+        ThreadedTask task( bodyPtr ? &runBody : nullptr, nullptr, bodyPtr, normal );
         EXPECT_TRUE( isEnded( task ) );
         EXPECT_EQ( task.exitCode(), -1 );
         EXPECT_FALSE( task.isRunning() );
