@@ -108,8 +108,8 @@ bool LogFileWriter::open( const std::string& pathname, std::uint64_t maxSize )
     struct stat status;
     if ( !file.isValid() || !isRegularFile( file, &status ) )
         return false;
-    if ( maxSize != 0 &&
-         static_cast< std::uint64_t >( status.st_size ) > maxSize + nbrOfToleratedBytes )
+    const auto size = static_cast< std::uint64_t >( status.st_size );
+    if ( maxSize != 0 && size > maxSize && size - maxSize > nbrOfToleratedBytes )
         static_cast< void >( ::ftruncate( file, 0 ) == 0 );
     myFile = std::move( file );
     myMaxSize = maxSize;

@@ -236,6 +236,10 @@ TEST_F( LogFileOpen, FileBeyondTheLimitIsContinuedAtItsBeginOrEmptied )
     NuvTest::writeFile( myPath, std::string( 1000, 'o' ) );
     writeAll( 1000, { "new" } );
     EXPECT_EQ( ourMarker, content().substr( 0, 81 ) ) << "continued at its end, and wrapped there";
+    const std::string old( 3000, '\n' );
+    NuvTest::writeFile( myPath, old );
+    writeAll( 0xFFFFFFFFFFFFFFFF, { "new" } );
+    EXPECT_EQ( old + "new\n" + ourMarker, content() );
 }
 
 TEST_F( LogFileOpen, WhatIsNoWritableFileIsRefused )
