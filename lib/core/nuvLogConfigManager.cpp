@@ -65,6 +65,10 @@ enum class Progress
 /// Under construction, the source is put on the list; toBuild makes the caller the builder.
 Progress enterProtocol( Source* sourcePtr, const char* zoneNamePtr )
 {
+    // Without the lock: who logs while he holds the manager's mutex must not wait for who binds the
+    // pending sources, which takes the two in this order.
+    if ( ourIsComplete.load( std::memory_order_acquire ) )
+        return Progress::complete;
     const Mt::MutexLock lock( ourBindingMutex );
     if ( ourIsComplete.load( std::memory_order_relaxed ) )
         return Progress::complete;
@@ -191,6 +195,7 @@ ConfigManager* ConfigManager::singletonPtr()
 {
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() )
         return managerPtr;
+    const CancelShield shield;
     nuvAssertText( !ourIsBuilder, "!ourIsBuilder", "the manager is used while it is being built" );
     SourceBinding::reach( nullptr, "" );
     // Waits for another thread that is building it.
@@ -388,6 +393,7 @@ void ConfigManager::changeZones( const char* zoneNamePtr, const Change& change )
 
 bool ConfigManager::zoneSeverity( Severity severity, const char* zoneNamePtr )
 {
+    nuvAssert( severity >= debug && severity <= none );
     const Mt::MutexLock lock( myMutex );
     const Mt::SemaphoreLock semaphoreLock( &mySemaphore );
     changeZones( zoneNamePtr, [severity]( Zone& zone ) { zone.severity( severity ); } );

@@ -115,6 +115,7 @@ public:
 
     /// Changes a zone for all processes, and what the zone starts with when it is created later
     /// (anew): its preset.
+    /// @param severity a threshold, 1 to 6; nuvAssert otherwise
     /// @param zoneNamePtr null: every zone but the log application's own (slot 0, where this
     /// process
     ///        has the log application enabled), and every later one: the override

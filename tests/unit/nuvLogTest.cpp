@@ -111,6 +111,7 @@ TEST( LogSource, EmitsFromTheThresholdOn )
             EXPECT_EQ( severity >= threshold, source.mayEmit() ) << severity;
         }
     }
+    EXPECT_THROW( ConfigManager::singletonPtr()->zoneSeverity( off, "threshold" ), LogicException );
     LogAppHelper::zoneSeverity( "debug", "threshold" );
     sources.preference( excludeDebug );
     EXPECT_EQ( excludeDebug, sources.preference() );
