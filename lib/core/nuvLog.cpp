@@ -156,13 +156,17 @@ void Source::dump( const void* dataPtr, unsigned int length, const char* titlePt
     if ( titlePtr != nullptr )
         helper.logStream() << titlePtr;
     helper.logStream() << '\n';
-    std::string row;
-    for ( unsigned int offset = 0; offset < length; offset += nbrOfDumpColumns ) {
-        row.clear();
-        appendDumpRow( &row, static_cast< const unsigned char* >( dataPtr ), offset, length );
-        helper.logStream() << row;
-        if ( length - offset <= nbrOfDumpColumns )
-            break; // offset would wrap at the greatest lengths
+    try {
+        std::string row;
+        for ( unsigned int offset = 0; offset < length; offset += nbrOfDumpColumns ) {
+            row.clear();
+            appendDumpRow( &row, static_cast< const unsigned char* >( dataPtr ), offset, length );
+            helper.logStream() << row;
+            if ( length - offset <= nbrOfDumpColumns )
+                break; // offset would wrap at the greatest lengths
+        }
+    } catch ( const std::bad_alloc& ) {
+        // The message ends here: who logs must not fail for it.
     }
 }
 
