@@ -267,10 +267,14 @@ void ClientPipe::connect( unsigned int timeoutMs, bool quiet )
 void ClientPipe::disconnect()
 {
     logStep( "Begin", "disconnect" );
-    waitForPeer( &myServerConnectSema );
+    // Without a connection a post would be taken for the next client's.
+    const bool wasConnected = myInFd.isValid() || myOutFd.isValid();
+    if ( wasConnected )
+        waitForPeer( &myServerConnectSema );
     close();
     logStep( "   myClientConnectSema.post()", "disconnect" );
-    myClientConnectSema.post();
+    if ( wasConnected )
+        myClientConnectSema.post();
     logStep( "End", "disconnect" );
 }
 

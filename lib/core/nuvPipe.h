@@ -165,7 +165,8 @@ public:
     /// @param quiet no line at error severity when no server is available in time
     /// @throws Exception "The connect to the specified Io::ClientPipe failed."
     void connect( unsigned int timeoutMs, bool quiet );
-    /// Waits for the server to disconnect, at most CtConfig::handshakeTimeoutMs.
+    /// Waits for the server to disconnect, at most CtConfig::handshakeTimeoutMs; for nobody if this
+    /// client is not connected.
     void disconnect();
     /// Ends the way to the server alone: its next read finds no writer.
     void disconnectWriter();

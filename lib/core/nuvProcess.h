@@ -12,11 +12,11 @@ namespace Nuv::Mt {
 
 /// A program to run as a child process, and the child while it runs.
 ///
-/// | state       | spawn()          | waitForExit( t )                        | destructor |
-/// |-------------|------------------|-----------------------------------------|---------------------|
-/// | not started | starts the child | nuvAssert                               | | | running     |
-/// nuvAssert        | true: exit collected; false: still runs | child left running  | | exited |
-/// starts a new one | true at once                            |                     |
+/// | state       | spawn()          | waitForExit( t )                  | destructor         |
+/// |-------------|------------------|-----------------------------------|--------------------|
+/// | not started | starts the child | nuvAssert                         |                    |
+/// | running     | nuvAssert        | true: collected; false: still runs | child left running |
+/// | exited      | starts a new one | true at once                      |                    |
 ///
 /// A child that is left running when its object ends is collected by a later spawn() or destructor
 /// of the process once it has ended, so that no zombie stays behind.

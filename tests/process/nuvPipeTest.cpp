@@ -111,6 +111,13 @@ TEST_F( Pipes, ClientWithoutAServerTimesOut )
                textOf< ClientPipe::Exception >( [&] { client.writeMsg( message ); } ) );
     EXPECT_EQ( "The read from the specified Io::ServerPipe failed.",
                textOf< ClientPipe::Exception >( [&] { client.readMsg( &message, 1 ); } ) );
+    client.disconnect(); // waits for nobody, and leaves nothing for a later server
+    CtConfig::handshakeTimeoutMs = 300;
+    ServerPipe pipe( "nobody" );
+    NuvTest::ChildProcess next( NuvTest::program( "pipePeer" ),
+                                { { "echo", "nobody", "5", "1" }, {} } );
+    serve( pipe, 1 );
+    EXPECT_EQ( 0, next.wait().exitStatus() );
 }
 
 // Whatever the client had done when it was killed, the server gets an error or a time-out, and
