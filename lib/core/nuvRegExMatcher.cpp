@@ -1,0 +1,493 @@
+#include "nuvRegExMatcher.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace Nuv::Utils {
+namespace {
+
+constexpr std::size_t minNbrOfEntries = 64;
+
+} // namespace
+
+// --- outcomes -----------------------------------------------------------------------------------
+
+std::size_t RegExOutcomes::slotOf( RegExPlan::Index node, std::uint32_t pos ) const
+{
+    const std::size_t mask = myEntries.size() - 1;
+    std::size_t slot = ( ( pos + node * 0x85EBCA6Bu ) * 0x9E3779B1u >> 7 ) & mask;
+    while ( myEntries[slot].mySearch == mySearch &&
+            ( myEntries[slot].myPos != pos || myEntries[slot].myNode != node ) )
+        slot = ( slot + 1 ) & mask;
+    return slot;
+}
+
+const RegExOutcomes::Entry* RegExOutcomes::find( RegExPlan::Index node, std::uint32_t pos ) const
+{
+    if ( myNbrOfUsed == 0 )
+        return nullptr;
+    const Entry& entry = myEntries[slotOf( node, pos )];
+    return entry.mySearch == mySearch ? &entry : nullptr;
+}
+
+void RegExOutcomes::keep( RegExPlan::Index node, std::uint32_t pos, std::uint32_t end,
+                          std::uint32_t decision )
+{
+    if ( 2 * myNbrOfUsed >= myEntries.size() )
+        grow();
+    Entry& entry = myEntries[slotOf( node, pos )];
+    myNbrOfUsed += entry.mySearch != mySearch;
+    entry = { pos, node, mySearch, end, decision };
+}
+
+void RegExOutcomes::clear()
+{
+    myNbrOfUsed = 0;
+    if ( ++mySearch != 0 )
+        return;
+    for ( Entry& entry : myEntries )
+        entry.mySearch = 0;
+    mySearch = 1;
+}
+
+void RegExOutcomes::grow()
+{
+    std::vector< Entry > entries( std::max( 2 * myEntries.size(), minNbrOfEntries ) );
+    entries.swap( myEntries );
+    const std::uint16_t search = std::exchange( mySearch, std::uint16_t( 1 ) );
+    for ( const Entry& entry : entries ) {
+        if ( entry.mySearch == search ) {
+            Entry& moved = myEntries[slotOf( entry.myNode, entry.myPos )];
+            moved = entry;
+            moved.mySearch = mySearch;
+        }
+    }
+}
+
+void RegExScratch::trim()
+{
+    const std::size_t nbrOfBytes = myFrames.capacity() * sizeof( Frame ) +
+                                   myRounds.capacity() * sizeof( myRounds[0] ) +
+                                   myOutcomes.nbrOfBytes() + myFolded.capacity();
+    if ( nbrOfBytes > maxNbrOfBytesKept )
+        *this = RegExScratch();
+}
+
+// --- the search ---------------------------------------------------------------------------------
+
+RegExMatcher::RegExMatcher( const RegExPlan& plan, const char* subjectPtr, std::size_t size,
+                            RegExScratch* scratchPtr, std::uint64_t nbrOfFreeSteps )
+    : myPlan( plan )
+    , mySubjectPtr( subjectPtr )
+    , mySize( static_cast< Pos >( size ) )
+    , myScratchPtr( scratchPtr )
+    , myNbrOfFreeSteps( nbrOfFreeSteps )
+{
+    scratchPtr->myFrames.clear();
+    scratchPtr->myRounds.clear();
+    scratchPtr->myOutcomes.clear();
+}
+
+bool RegExMatcher::search( RegExGroup* groupsPtr )
+{
+    myKeepsRoads = groupsPtr != nullptr && myPlan.myNbrOfGroups != 0;
+    if ( myPlan.myStart == RegExPlan::startAnchored )
+        return tryAt( 0, groupsPtr );
+    for ( Pos start = findStart( 0 ); start < mySize; start = findStart( start + 1 ) ) {
+        if ( tryAt( start, groupsPtr ) )
+            return true;
+    }
+    return false;
+}
+
+bool RegExMatcher::tryAt( Pos start, RegExGroup* groupsPtr )
+{
+    Pos end = noMatch;
+    if ( !run( myPlan.myFastFirst, start, &end ) )
+        return false;
+    if ( groupsPtr != nullptr ) {
+        if ( myKeepsRoads ) {
+            const bool matchSucceded = trace( 0, start, groupsPtr ) == end;
+            nuvAssert( matchSucceded );
+        }
+        groupsPtr[0] = { start, end };
+    }
+    return true;
+}
+
+// The first place from pos on where a match can begin; mySize if there is none.
+RegExMatcher::Pos RegExMatcher::findStart( Pos pos ) const
+{
+    const char* const fromPtr = mySubjectPtr + pos;
+    const void* foundPtr = nullptr;
+    switch ( myPlan.myStart ) {
+    case RegExPlan::startChar:
+        foundPtr = std::memchr( fromPtr, myPlan.myStartChars[0], mySize - pos );
+        break;
+    case RegExPlan::startLiteral: {
+        const Node& node = myPlan.myNodes[myPlan.myFastFirst];
+        foundPtr = ::memmem( fromPtr, mySize - pos, node.myTextPtr, node.myTextSize );
+        break;
+    }
+    case RegExPlan::startFew:
+    case RegExPlan::startSet:
+        return findOneOf( pos );
+    default:
+        return pos;
+    }
+    return foundPtr == nullptr
+               ? mySize
+               : static_cast< Pos >( static_cast< const char* >( foundPtr ) - mySubjectPtr );
+}
+
+RegExMatcher::Pos RegExMatcher::findOneOf( Pos pos ) const
+{
+    while ( pos < mySize && !myPlan.contains( myPlan.myStartSet, mySubjectPtr[pos] ) )
+        ++pos;
+    return pos;
+}
+
+// --- the first pass -----------------------------------------------------------------------------
+
+// From a node to the end of the program or of the operand that the node lies in.
+bool RegExMatcher::run( Index first, Pos pos, Pos* endPtr )
+{
+    const std::size_t nbrOfFramesBelow = myScratchPtr->myFrames.size();
+    State state{ first, pos, false };
+    do
+        forward( &state );
+    while ( goBack( nbrOfFramesBelow, &state ) );
+    if ( state.myMatched )
+        *endPtr = state.myPos;
+    return state.myMatched;
+}
+
+// Goes on until something fails or an end is reached.
+void RegExMatcher::forward( State* statePtr )
+{
+    const Node* const nodesPtr = myPlan.myNodes.data();
+    for ( ;; ) {
+        ++myNbrOfSteps;
+        const Node& node = nodesPtr[statePtr->myNode];
+        if ( node.myOp == RegExPlan::opEnd ) {
+            statePtr->myMatched = true;
+            return;
+        }
+        if ( node.myOp >= RegExPlan::opRunAny ) {
+            if ( enter( statePtr ) == nextDone )
+                return;
+            continue;
+        }
+        statePtr->myPos = stepEnd( node, statePtr->myPos );
+        if ( statePtr->myPos == noMatch ) {
+            statePtr->myMatched = false;
+            return;
+        }
+        statePtr->myNode = node.myFast;
+    }
+}
+
+// Behind a node that has no choice, or noMatch.
+RegExMatcher::Pos RegExMatcher::stepEnd( const Node& node, Pos pos ) const
+{
+    const char c = mySubjectPtr[pos];
+    switch ( node.myOp ) {
+    case RegExPlan::opBol:
+        return pos == 0 ? 0 : noMatch;
+    case RegExPlan::opEol:
+        return pos == mySize ? pos : noMatch;
+    case RegExPlan::opLiteral:
+        return mySize - pos >= node.myTextSize &&
+                       std::memcmp( mySubjectPtr + pos, node.myTextPtr, node.myTextSize ) == 0
+                   ? pos + node.myTextSize
+                   : noMatch;
+    case RegExPlan::opAny:
+        return c != '\0' ? pos + 1 : noMatch;
+    case RegExPlan::opChar:
+        return c == node.myChar ? pos + 1 : noMatch;
+    case RegExPlan::opButChar:
+        return c != node.myChar && c != '\0' ? pos + 1 : noMatch;
+    case RegExPlan::opSet:
+        return myPlan.contains( node, c ) ? pos + 1 : noMatch;
+    default: // opOpen, opClose, opLone
+        return pos;
+    }
+}
+
+RegExMatcher::Next RegExMatcher::enter( State* statePtr )
+{
+    if ( keepsAll() ) {
+        const RegExOutcomes::Entry* const entryPtr =
+            myScratchPtr->myOutcomes.find( statePtr->myNode, statePtr->myPos );
+        if ( entryPtr != nullptr ) {
+            statePtr->myMatched = entryPtr->myEnd != noMatch;
+            statePtr->myPos = entryPtr->myEnd;
+            return nextDone;
+        }
+    }
+    switch ( myPlan.myNodes[statePtr->myNode].myOp ) {
+    case RegExPlan::opBranch:
+        return enterBranch( statePtr );
+    case RegExPlan::opRepeat:
+        return enterRepeat( statePtr );
+    default:
+        return enterRun( statePtr );
+    }
+}
+
+RegExMatcher::Next RegExMatcher::fail( State* statePtr )
+{
+    if ( keepsAll() )
+        myScratchPtr->myOutcomes.keep( statePtr->myNode, statePtr->myPos, noMatch, 0 );
+    statePtr->myMatched = false;
+    return nextDone;
+}
+
+RegExMatcher::Next RegExMatcher::enterRun( State* statePtr )
+{
+    const Node& node = myPlan.myNodes[statePtr->myNode];
+    const Pos end = runEnd( node, statePtr->myPos );
+    if ( end - statePtr->myPos < node.myMin )
+        return fail( statePtr );
+    if ( node.myIsGreedy && !keepsAll() ) {
+        statePtr->myNode = node.myFast;
+        statePtr->myPos = end;
+        return nextNode;
+    }
+    Frame frame{ statePtr->myNode, 0, 0, statePtr->myPos, end + 1, noMatch, 0 };
+    if ( !retryRun( &frame, statePtr ) )
+        return fail( statePtr );
+    myScratchPtr->myFrames.push_back( frame );
+    return nextNode;
+}
+
+// How far the characters of a run reach, up to its maximum.
+RegExMatcher::Pos RegExMatcher::runEnd( const Node& node, Pos pos ) const
+{
+    const Pos room = mySize - pos;
+    const Pos limit = pos + ( node.myMax == 0 ? room : std::min< Pos >( room, node.myMax ) );
+    const void* foundPtr = nullptr;
+    switch ( node.myOp ) {
+    case RegExPlan::opRunAny:
+        return limit;
+    case RegExPlan::opRunButChar:
+        foundPtr = std::memchr( mySubjectPtr + pos, node.myChar, limit - pos );
+        return foundPtr == nullptr
+                   ? limit
+                   : static_cast< Pos >( static_cast< const char* >( foundPtr ) - mySubjectPtr );
+    case RegExPlan::opRunChar:
+        while ( pos < limit && mySubjectPtr[pos] == node.myChar )
+            ++pos;
+        return pos;
+    default:
+        while ( pos < limit && myPlan.contains( node, mySubjectPtr[pos] ) )
+            ++pos;
+        return pos;
+    }
+}
+
+RegExMatcher::Next RegExMatcher::enterRepeat( State* statePtr )
+{
+    const Index index = statePtr->myNode;
+    const Node& node = myPlan.myNodes[index];
+    const Pos start = statePtr->myPos;
+    std::vector< Pos >& rounds = myScratchPtr->myRounds;
+    const std::size_t offset = rounds.size();
+    Pos pos = start;
+    unsigned int count = 0;
+    rounds.push_back( pos );
+    while ( ( node.myMax == 0 || count < node.myMax ) && isOpenTo( node.myOperand, pos ) &&
+            run( node.myFastOperand, pos, &pos ) ) {
+        rounds.push_back( pos );
+        ++count;
+    }
+    Frame frame{ index, 0, 0, start, count + 1, noMatch, static_cast< Pos >( offset ) };
+    if ( count < node.myMin || !retryRepeat( &frame, statePtr ) ) {
+        rounds.resize( offset );
+        return fail( statePtr );
+    }
+    if ( count == 0 && !keepsAll() )
+        rounds.resize( offset );
+    else
+        myScratchPtr->myFrames.push_back( frame );
+    return nextNode;
+}
+
+// Of alternatives all but one of which cannot match there is nothing to try.
+RegExMatcher::Next RegExMatcher::enterBranch( State* statePtr )
+{
+    const Index first = candidate( statePtr->myNode, statePtr->myPos );
+    if ( first == noNode ) {
+        statePtr->myMatched = false;
+        return nextDone;
+    }
+    const Index other = myPlan.myNodes[first].myOther;
+    if ( other != 0 && candidate( other, statePtr->myPos ) != noNode )
+        myScratchPtr->myFrames.push_back(
+            { statePtr->myNode, first, 0, statePtr->myPos, 0, noMatch, 0 } );
+    statePtr->myNode = myPlan.myNodes[first].myFast;
+    return nextNode;
+}
+
+// The first of a branch and the alternatives behind it that can match there, or noNode.
+RegExMatcher::Index RegExMatcher::candidate( Index branch, Pos pos ) const
+{
+    do {
+        if ( isOpenTo( myPlan.myNodes[branch].myNext, pos ) )
+            return branch;
+        branch = myPlan.myNodes[branch].myOther;
+    } while ( branch != 0 );
+    return noNode;
+}
+
+// Takes the frames above so many until one of them gives another place to go on from.
+// @return false if there is none: the state then says how the level has ended
+bool RegExMatcher::goBack( std::size_t nbrOfFramesBelow, State* statePtr )
+{
+    std::vector< Frame >& frames = myScratchPtr->myFrames;
+    for ( ; frames.size() > nbrOfFramesBelow; frames.pop_back() ) {
+        Frame* const framePtr = &frames.back();
+        switch ( myPlan.myNodes[framePtr->myNode].myOp ) {
+        case RegExPlan::opBranch:
+            if ( retryBranch( framePtr, statePtr ) )
+                return true;
+            break;
+        case RegExPlan::opRepeat:
+            if ( !statePtr->myMatched && retryRepeat( framePtr, statePtr ) )
+                return true;
+            myScratchPtr->myRounds.resize( framePtr->myRoundsOffset );
+            break;
+        default:
+            if ( !statePtr->myMatched && retryRun( framePtr, statePtr ) )
+                return true;
+        }
+        leave( *framePtr, *statePtr );
+    }
+    return false;
+}
+
+void RegExMatcher::leave( const Frame& frame, const State& state )
+{
+    const bool isBranch = myPlan.myNodes[frame.myNode].myOp == RegExPlan::opBranch;
+    if ( state.myMatched ? myKeepsRoads || keepsAll() : keepsAll() )
+        myScratchPtr->myOutcomes.keep( frame.myNode, frame.myPos,
+                                       state.myMatched ? state.myPos : noMatch,
+                                       isBranch ? frame.myBest : frame.myCount );
+}
+
+// Fewer characters, as long as what follows could match behind them.
+bool RegExMatcher::retryRun( Frame* framePtr, State* statePtr ) const
+{
+    const Node& node = myPlan.myNodes[framePtr->myNode];
+    const RegExCharSet& firsts = myPlan.myFirsts[node.myNext];
+    const Pos least = framePtr->myPos + node.myMin;
+    Pos pos = framePtr->myCount;
+    while ( pos > least ) {
+        if ( firsts.test( mySubjectPtr[--pos] ) ) {
+            framePtr->myCount = pos;
+            statePtr->myNode = node.myFast;
+            statePtr->myPos = pos;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Fewer rounds.
+bool RegExMatcher::retryRepeat( Frame* framePtr, State* statePtr ) const
+{
+    const Node& node = myPlan.myNodes[framePtr->myNode];
+    while ( framePtr->myCount > node.myMin ) {
+        const Pos pos = myScratchPtr->myRounds[framePtr->myRoundsOffset + --framePtr->myCount];
+        if ( isOpenTo( node.myNext, pos ) ) {
+            statePtr->myNode = node.myFast;
+            statePtr->myPos = pos;
+            return true;
+        }
+    }
+    return false;
+}
+
+// The next alternative, unless the last one has reached the subject's end: none gets farther.
+bool RegExMatcher::retryBranch( Frame* framePtr, State* statePtr ) const
+{
+    if ( statePtr->myMatched &&
+         ( framePtr->myBestEnd == noMatch || statePtr->myPos > framePtr->myBestEnd ) ) {
+        framePtr->myBestEnd = statePtr->myPos;
+        framePtr->myBest = framePtr->myTried;
+    }
+    const Index other = myPlan.myNodes[framePtr->myTried].myOther;
+    const Index next =
+        framePtr->myBestEnd == mySize || other == 0 ? noNode : candidate( other, framePtr->myPos );
+    if ( next != noNode ) {
+        framePtr->myTried = next;
+        statePtr->myNode = myPlan.myNodes[next].myFast;
+        statePtr->myPos = framePtr->myPos;
+        return true;
+    }
+    statePtr->myMatched = framePtr->myBestEnd != noMatch;
+    statePtr->myPos = framePtr->myBestEnd;
+    return false;
+}
+
+// --- the second pass ----------------------------------------------------------------------------
+
+// Follows the decisions from a node and sets the groups.
+// @return the end of the program's or operand's match; noMatch if a decision is missing
+RegExMatcher::Pos RegExMatcher::trace( Index index, Pos pos, RegExGroup* groupsPtr ) const
+{
+    while ( pos != noMatch ) {
+        const Node& node = myPlan.myNodes[index];
+        switch ( node.myOp ) {
+        case RegExPlan::opEnd:
+            return pos;
+        case RegExPlan::opOpen:
+            groupsPtr[node.myGroup].myStart = pos;
+            break;
+        case RegExPlan::opClose:
+            groupsPtr[node.myGroup].myEnd = pos;
+            break;
+        case RegExPlan::opBranch:
+            index = tracedBranch( index, pos );
+            nuvAssertText( myPlan.myNodes[index].myOp == RegExPlan::opBranch,
+                           "nodeType( regExPos ) == branch" );
+            break;
+        case RegExPlan::opRepeat:
+            pos = traceRepeat( index, pos, groupsPtr );
+            break;
+        default:
+            pos = node.myOp >= RegExPlan::opRunAny ? tracedRun( index, pos ) : stepEnd( node, pos );
+        }
+        index = myPlan.myNodes[index].myNext;
+    }
+    return noMatch;
+}
+
+// A run of which nothing is kept went as far as it could.
+RegExMatcher::Pos RegExMatcher::tracedRun( Index run, Pos pos ) const
+{
+    const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( run, pos );
+    return entryPtr != nullptr ? entryPtr->myDecision : runEnd( myPlan.myNodes[run], pos );
+}
+
+// A repeat of which nothing is kept had no round.
+RegExMatcher::Pos RegExMatcher::traceRepeat( Index repeat, Pos pos, RegExGroup* groupsPtr ) const
+{
+    const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( repeat, pos );
+    const std::uint32_t nbrOfRounds = entryPtr != nullptr ? entryPtr->myDecision : 0;
+    for ( std::uint32_t i = 0; i < nbrOfRounds; ++i )
+        pos = trace( myPlan.myNodes[repeat].myOperand, pos, groupsPtr );
+    return pos;
+}
+
+// Alternatives of which nothing is kept had one candidate.
+RegExMatcher::Index RegExMatcher::tracedBranch( Index branch, Pos pos ) const
+{
+    const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( branch, pos );
+    const Index alternative = entryPtr != nullptr ? static_cast< Index >( entryPtr->myDecision )
+                                                  : candidate( branch, pos );
+    return alternative != noNode ? alternative : Index( 0 );
+}
+
+} // namespace Nuv::Utils

@@ -1,0 +1,511 @@
+#include "nuvRegEx.h"
+
+#include "nuvRegExMatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+
+namespace Nuv::Utils {
+namespace {
+
+using namespace std::string_literals;
+
+std::string refusalOf( const std::string& pattern, unsigned int flags = 0 )
+{
+    try {
+        const RegEx regEx( pattern.c_str(), flags );
+    } catch ( const RegEx::Exception& exception ) {
+        return exception.what();
+    }
+    return "";
+}
+
+std::string repeated( const std::string& text, std::size_t count )
+{
+    std::string result;
+    while ( count-- > 0 )
+        result += text;
+    return result;
+}
+
+// "start-end" of the match and each group, with '!' behind one that takes no part; "none".
+std::string matchOf( const RegEx& regEx, const std::string& subject )
+{
+    RegEx::SearchResults results;
+    const bool isFound = regEx.search( subject.c_str(), &results );
+    EXPECT_EQ( isFound, results[0].isPartOfMatch() );
+    std::string text;
+    for ( const RegEx::Subexpr& part : results ) {
+        text += text.empty() ? "" : " ";
+        if ( part.myStartPtr != nullptr )
+            text += std::to_string( part.myStartPtr - subject.c_str() ) + "-" +
+                    std::to_string( part.myEndPtr - subject.c_str() );
+        text += part.isPartOfMatch() ? "" : "!";
+    }
+    return isFound ? text : "none";
+}
+
+// --- patterns -----------------------------------------------------------------------------------
+
+TEST( RegExSyntax, Refusals )
+{
+    const std::string badCount = "'{' - repeat count not a valid decimal value";
+    const std::string empty = "unexpected end of string";
+    const std::string mismatched = "mismatched \"( )\"";
+    const std::string missing = "missing atom before \"|\"";
+    const std::string nothing = "'*', '+', or '?' follows nothing";
+    const std::string couldBeEmpty = "Operand of '*' or '+' could be empty";
+    const std::string twoRepeats = "Two repeat operands in a row";
+    const std::string noBracket = "Expected ']'";
+    const std::string noHex = "'\\x' not followed by a hexadecimal digit";
+    const std::string zeroMax = "'{n,m}' max count is equal to zero";
+    const std::string minAboveMax = "'{n,m}' min count is greater than max count";
+    const std::string noComma = "'{n,m}' expected a ',' or '}'";
+    const std::pair< std::string, std::string > cases[] = {
+        { "", empty },
+        { "a|", empty },
+        { "(", empty },
+        { "(a|", empty },
+        { ")", mismatched },
+        { "()", mismatched },
+        { "(a|)", mismatched },
+        { "a)", "Expected end of string" },
+        { "(a", "Expected ')'" },
+        { "|a", missing },
+        { "a||b", missing },
+        { "(|a)", missing },
+        { "*a", nothing },
+        { "(+a)", nothing },
+        { "a|?", nothing },
+        { "{2}", nothing },
+        { "a**", twoRepeats },
+        { "a?{2}", twoRepeats },
+        { "(a*)*+", twoRepeats },
+        { "(a*)*", couldBeEmpty },
+        { "^*", couldBeEmpty },
+        { "($)+", couldBeEmpty },
+        { "(a|b?)+", couldBeEmpty },
+        { "(a?b{0,3}){2}", couldBeEmpty },
+        { "(a?){0,2}", couldBeEmpty },
+        { "x{", badCount },
+        { "x{,2}", badCount },
+        { "x{a}", badCount },
+        { "x{256}", badCount },
+        { "x{0001}", badCount },
+        { "x{\\2}", badCount },
+        { "x{1,256}", badCount },
+        { "x{1,x}", badCount },
+        { "x{2", noComma },
+        { "x{2-3}", noComma },
+        { "x{2\\}", noComma },
+        { "x{2,3", "'{n,m}' expected a '}'" },
+        { "x{3,2}", minAboveMax },
+        { "x{2,0}", minAboveMax },
+        { "x{0}", zeroMax },
+        { "x{0,0}", zeroMax },
+        { "[", noBracket },
+        { "[]", noBracket },
+        { "[^]", noBracket },
+        { "[a-", noBracket },
+        { "[a\\]", noBracket },
+        { "[z-a]", "Invalid [] range" },
+        { "[Z-a]", "" },
+        { "a\\", "'\\' at end of string" },
+        { "[\\", "'\\' at end of string" },
+        { "\\0", "'0' follows '\\'" },
+        { "\\x", noHex },
+        { "\\xg", noHex },
+        { "\\x0", noHex },
+        { "\\x00", noHex },
+        { repeated( "(a)", 99 ), "" },
+        { repeated( "(a)", 100 ), "Too many subexpressions" },
+        { repeated( "(", 5000 ), "Too many subexpressions" },
+        { repeated( "a", 65525 ), "" }, // branch 3, the text's node 4, end 3
+        { repeated( "a", 65526 ), "Pattern too large" },
+        { repeated( ".", 22000 ), "Pattern too large" },
+    };
+    for ( const auto& [pattern, text] : cases ) {
+        SCOPED_TRACE( pattern.substr( 0, 40 ) );
+        EXPECT_EQ( text, refusalOf( pattern ) );
+        EXPECT_EQ( "", refusalOf( pattern, RegEx::silentCompile ) );
+        const RegEx silent( pattern.c_str(), RegEx::silentCompile );
+        EXPECT_EQ( text.empty(), silent.isValid() );
+        if ( !silent.isValid() ) {
+            EXPECT_EQ( "none", matchOf( silent, "a" ) );
+        }
+    }
+    EXPECT_EQ( "Invalid [] range", refusalOf( "[Z-a]", RegEx::caseInsensitive ) );
+    EXPECT_THROW( RegEx( nullptr ), LogicException );
+}
+
+TEST( RegExProgram, HoldsNodesWithRelativeLinks )
+{
+    EXPECT_EQ( "\6\0\x08\4\0\x0E"
+               "a\0\6\0\x09\x08\0\6ab\0\0\0\0"s,
+               RegEx( "a|ab" ).program().str() );
+    EXPECT_EQ( "    0 branch -> 46\n"
+               "    3 exactly \"x\\x22\" -> 9\n"
+               "    9 open 1 -> 12\n"
+               "   12 branch -> 29\n"
+               "   15 repeat {2,3} -> 29\n"
+               "   20 anyBut \"bc\" -> 26\n"
+               "   26 end\n"
+               "   29 close 1 -> 32\n"
+               "   32 repeat {1,} -> 43\n"
+               "   37 any -> 40\n"
+               "   40 end\n"
+               "   43 eol -> 46\n"
+               "   46 end\n",
+               RegEx( "x\"([^bc]{2,3}).+$" ).programText() );
+    const RegEx trimmed( "(a)[b-d]*" );
+    EXPECT_EQ( trimmed.program().size(), trimmed.program().capacity() );
+    EXPECT_EQ( 1u, trimmed.nbrOfGroups() );
+}
+
+struct MatchCase
+{
+    std::string pattern;
+    std::string subject;
+    std::string match;
+    unsigned int flags = 0;
+};
+
+void check( const MatchCase& c )
+{
+    SCOPED_TRACE( c.pattern + " on " + c.subject );
+    EXPECT_EQ( c.match, matchOf( RegEx( c.pattern.c_str(), c.flags ), c.subject ) );
+}
+
+TEST( RegExSyntax, AtomsAndSets )
+{
+    const MatchCase cases[] = {
+        { "abc+", "xabccc", "1-6" },
+        { "x{2,3}", "xxxx", "0-3" },
+        { "x{2}", "xxxx", "0-2" },
+        { "x{007,}", "xxxxxxxx", "0-8" },
+        { "[]a]", "x]", "1-2" },
+        { "[^]a]", "]ab", "2-3" },
+        { "[-a]", "b-", "1-2" },
+        { "[a-]", "b-", "1-2" },
+        { "[a-c-e]+", "xde-bc", "2-6" },
+        { "[--0]+", "1.-/0", "1-5" },
+        { "[]-a]+", "z^a\\]", "1-3" },
+        { "[a\\]\\-z]+", "b-z]a", "1-5" },
+        { "[\\^a]+", "b^a", "1-3" },
+        { "[\\x5ea]+", "b^a", "1-3" },
+        { "[a\\x2dz]+", "b-za", "1-4" },
+        { "[a\\x5d]+", "]a", "0-2" },
+        { "[\\x61-\\x63]+", "dcba", "1-4" },
+        { "[.*$(|]+", "a|($*.", "1-6" },
+        { "[^a-c]+", "abcxyz", "3-6" },
+        { "[\\x01-\\xff]+", "\x01\xFF", "0-2" },
+        { ".", "\xFF", "0-1" },
+        { "\\$\\(\\)\\*\\+\\.\\?\\[\\^\\{\\|\\\\\\]\\-", "$()*+.?[^{|\\]-", "0-14" },
+        { "\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v", "0-7" },
+        { "\\x2a\\x28\\x5B\\x7c\\x9\\q\\1", "*([|\tq1", "0-7" },
+        { "\\x2a+", "**", "0-2" },
+        { "a]b}c,d", "a]b}c,d", "0-7" },
+        { "^b", "ab", "none" },
+        { "b$", "ab", "1-2" },
+        { "a^b", "a^b", "none" },
+        { "^^a$$", "a", "0-1" },
+        { "a|^b|c$", "cb", "none" },
+        { "a", "", "none" },
+        { "b*", "", "none" },
+        { "^", "", "0-0" },
+        { "^b*$", "", "0-0" },
+        { "(^)", "", "none" },
+        { "$", "ab", "none" },
+        { "b*", "ab", "0-0" },
+        { "^?a", "aa", "0-1" },
+        { "a($)?", "aa", "0-1 !" },
+        { "ABC", "xabcx", "1-4", RegEx::caseInsensitive },
+        { "a[B-D]+", "xAbCdX", "1-5", RegEx::caseInsensitive },
+        { "\\x41", "Aa", "none", RegEx::caseInsensitive },
+        { "[\\Qa]", "QA", "1-2", RegEx::caseInsensitive },
+    };
+    for ( const MatchCase& c : cases )
+        check( c );
+}
+
+TEST( RegExSearch, LongestAlternativesAndGroups )
+{
+    const std::string uri = "^(([^:/?#]+):)?(//([^/?#]*))?([^?#]*)(\\?([^#]*))?(#(.*))?";
+    const std::string authority = "^(([^:]+)@)?([^:]+)(:(.*))?";
+    const MatchCase cases[] = {
+        { "a|ab", "abc", "0-2" },
+        { "(a|ab)(c|bcd)?", "abcd", "0-4 0-1 1-4" },
+        { "(a|b)|(ab)", "ab", "0-2 ! 0-2" },
+        { "(a|(a))b", "ab", "0-2 0-1 !" },
+        { "(ab|a)(bc)?c", "abc", "0-3 0-2 !" },
+        { "((a)|(b))+", "ab", "0-2 1-2 0-1 1-2" },
+        { "((a)b|ac)+", "abac", "0-4 2-4 0-1" },
+        { "(a*)b", "b", "0-1 0-0!" },
+        { "((x*)y)+", "xyy", "0-3 2-3 2-2!" },
+        // A round or a road that was given up leaves nothing.
+        { "(a(b)?)+c?d|a", "ababe", "0-1 ! !" },
+        { "((ab)|a)+b", "aabb", "0-4 1-3 1-3" },
+        { "((ab)|(a))+b", "aab", "none" }, // the second round took the b
+        { "(a|aa)+b", "aaab", "0-4 2-3" },
+        { "(x(a)?y)?xa", "xaz", "0-2 ! !" },
+        { "(a+|b)*c", "aabac", "0-5 3-4" },
+        { "(a{1,2}){2}", "aaa", "0-3 2-3" },
+        { "(ab?){2,3}ab", "aabab", "0-5 1-3" },
+        { uri, "http://u@h:80/p/q?x#f", "0-21 0-5 0-4 5-13 7-13 13-17 17-19 18-19 19-21 20-21" },
+        { uri, "p/q", "0-3 ! ! ! ! 0-3 ! ! ! !" },
+        { uri, "", "0-0 ! ! ! ! 0-0! ! ! ! !" },
+        { authority, "u@h:80", "0-6 0-2 0-1 2-3 3-6 4-6" },
+        { authority, "host", "0-4 ! ! 0-4 ! !" },
+        { "([a-zA-Z]+)(\\|[a-zA-Z]+)*", "mon|tue|wed", "0-11 0-3 7-11" },
+    };
+    for ( const MatchCase& c : cases )
+        check( c );
+}
+
+// --- the plain rule -----------------------------------------------------------------------------
+
+/// The rule as it is told, node by node with all that follows, without a thought for time.
+class PlainMatcher
+{
+public:
+    using Ends = std::vector< std::size_t >; // of group n: 2n its start, 2n + 1 its end
+
+    PlainMatcher( const RegEx& regEx, const std::string& subject )
+        : myProgram( regEx.program() )
+        , mySubject( subject )
+        , myEnds( 2 * regEx.nbrOfGroups() + 2, std::string::npos )
+        , myIsAnchored( RegExProgram::nodeType( myProgram, RegExProgram::headerSize ) ==
+                            RegExProgram::bol &&
+                        !isBranch( RegExProgram::nextNodePos( myProgram, 0 ) ) )
+    {
+    }
+
+    /// As matchOf(); nothing if it takes too long.
+    std::optional< std::string > search()
+    {
+        const Ends none = myEnds;
+        for ( std::size_t start = 0; start < ( myIsAnchored ? 1 : mySubject.size() ); ++start ) {
+            myEnds = none;
+            std::size_t at = start;
+            if ( match( 0, &at ) ) {
+                myEnds[0] = start;
+                myEnds[1] = at;
+                return nbrOfStepsLeft > 0 ? std::optional( text() ) : std::nullopt;
+            }
+        }
+        return nbrOfStepsLeft > 0 ? std::optional( "none"s ) : std::nullopt;
+    }
+
+private:
+    bool isBranch( std::size_t pos ) const
+    {
+        return RegExProgram::nodeType( myProgram, pos ) == RegExProgram::branch;
+    }
+
+    std::string text() const
+    {
+        std::string result;
+        for ( std::size_t i = 0; i < myEnds.size(); i += 2 ) {
+            result += i == 0 ? "" : " ";
+            if ( myEnds[i + 1] != std::string::npos )
+                result += std::to_string( myEnds[i] ) + "-" + std::to_string( myEnds[i + 1] );
+            result += i != 0 && myEnds[i] == myEnds[i + 1] ? "!" : "";
+        }
+        return result;
+    }
+
+    bool match( std::size_t pos, std::size_t* atPtr )
+    {
+        if ( --nbrOfStepsLeft < 0 )
+            return false;
+        const std::size_t next = RegExProgram::nextNodePos( myProgram, pos );
+        const unsigned int group = RegExProgram::nodeGroup( myProgram, pos );
+        const std::size_t at = *atPtr;
+        switch ( RegExProgram::nodeType( myProgram, pos ) ) {
+        case RegExProgram::end:
+            return true;
+        case RegExProgram::branch:
+            return isBranch( next ) ? matchAlternatives( pos, atPtr )
+                                    : match( pos + RegExProgram::headerSize, atPtr );
+        case RegExProgram::repeat:
+            return matchRounds( pos, atPtr );
+        case RegExProgram::open:
+        case RegExProgram::close: {
+            const bool isOpen = RegExProgram::nodeType( myProgram, pos ) == RegExProgram::open;
+            if ( !match( next, atPtr ) )
+                return false;
+            myEnds[2 * group + ( isOpen ? 0 : 1 )] = at;
+            return true;
+        }
+        default:
+            return step( pos, atPtr ) && match( next, atPtr );
+        }
+    }
+
+    bool step( std::size_t pos, std::size_t* atPtr ) const
+    {
+        const std::string_view text = RegExProgram::nodeText( myProgram, pos );
+        const bool isAtEnd = *atPtr == mySubject.size();
+        const char c = isAtEnd ? '\0' : mySubject[*atPtr];
+        switch ( RegExProgram::nodeType( myProgram, pos ) ) {
+        case RegExProgram::bol:
+            return *atPtr == 0;
+        case RegExProgram::eol:
+            return isAtEnd;
+        case RegExProgram::exactly:
+            *atPtr += text.size();
+            return mySubject.compare( *atPtr - text.size(), text.size(), text ) == 0;
+        case RegExProgram::any:
+            break;
+        default:
+            if ( ( text.find( c ) != std::string::npos ) !=
+                 ( RegExProgram::nodeType( myProgram, pos ) == RegExProgram::anyOf ) )
+                return false;
+        }
+        ++*atPtr;
+        return !isAtEnd;
+    }
+
+    bool matchAlternatives( std::size_t pos, std::size_t* atPtr )
+    {
+        const Ends before = myEnds;
+        Ends best;
+        std::size_t farthest = 0;
+        for ( ; isBranch( pos ); pos = RegExProgram::nextNodePos( myProgram, pos ) ) {
+            std::size_t at = *atPtr;
+            myEnds = before;
+            if ( match( pos + RegExProgram::headerSize, &at ) &&
+                 ( best.empty() || at > farthest ) ) {
+                farthest = at;
+                best = myEnds;
+            }
+        }
+        myEnds = best.empty() ? before : best;
+        *atPtr = best.empty() ? *atPtr : farthest;
+        return !best.empty();
+    }
+
+    bool matchRounds( std::size_t pos, std::size_t* atPtr )
+    {
+        const std::size_t operandPos = pos + RegExProgram::repeatNodeSize;
+        const std::size_t min = RegExProgram::byteAt( myProgram, pos + 3 );
+        const std::size_t max = RegExProgram::byteAt( myProgram, pos + 4 );
+        std::vector< std::pair< std::size_t, Ends > > rounds{ { *atPtr, myEnds } };
+        for ( std::size_t at = *atPtr;
+              ( max == 0 || rounds.size() <= max ) && match( operandPos, &at ); )
+            rounds.emplace_back( at, myEnds );
+        for ( ; rounds.size() > min; rounds.pop_back() ) {
+            std::tie( *atPtr, myEnds ) = rounds.back();
+            if ( match( RegExProgram::nextNodePos( myProgram, pos ), atPtr ) )
+                return true;
+        }
+        return false;
+    }
+
+    const Buffer& myProgram;
+    const std::string& mySubject;
+    Ends myEnds;
+    bool myIsAnchored;
+    int nbrOfStepsLeft = 20000;
+};
+
+/// Random patterns and subjects over few characters, so that they often meet.
+class Random
+{
+public:
+    explicit Random( unsigned int seed )
+        : myEngine( seed )
+    {
+    }
+
+    unsigned int below( unsigned int limit ) { return myEngine() % limit; }
+
+    std::string pattern( unsigned int depth )
+    {
+        std::string text = branch( depth );
+        while ( below( 5 ) < 2 )
+            text += '|' + branch( depth );
+        return text;
+    }
+    std::string subject()
+    {
+        std::string text;
+        for ( unsigned int size = below( 14 ); size != 0; --size )
+            text += "aaabbc"[below( 6 )];
+        return text;
+    }
+
+private:
+    std::string branch( unsigned int depth )
+    {
+        std::string text;
+        do
+            text += atom( depth ) + ops[below( ops.size() )];
+        while ( below( 3 ) != 0 );
+        return text;
+    }
+    std::string atom( unsigned int depth )
+    {
+        if ( depth > 0 && below( 3 ) == 0 )
+            return '(' + pattern( depth - 1 ) + ')';
+        return atoms[below( atoms.size() )];
+    }
+
+    const std::vector< std::string > ops{ "", "", "", "", "*", "+", "?", "{2}", "{1,2}", "{0,3}" };
+    const std::vector< std::string > atoms{ "a", "b",    "c",     "ab", "aba", ".",
+                                            "^", "[ab]", "[^ab]", "$",  "a",   "[^b]" };
+    std::minstd_rand myEngine;
+};
+
+// With every outcome kept from the first step on.
+std::string matchKeepingAll( const RegEx& regEx, const std::string& subject )
+{
+    const RegExPlan plan( regEx.program(), regEx.nbrOfGroups() );
+    RegExScratch scratch;
+    RegExMatcher matcher( plan, subject.c_str(), subject.size(), &scratch, 0 );
+    std::vector< RegExGroup > groups( regEx.nbrOfGroups() + 1,
+                                      { RegExMatcher::noMatch, RegExMatcher::noMatch } );
+    if ( !matcher.search( groups.data() ) )
+        return "none";
+    std::string text;
+    for ( const RegExGroup& group : groups ) {
+        text += &group == groups.data() ? "" : " ";
+        if ( group.myEnd != RegExMatcher::noMatch )
+            text += std::to_string( group.myStart ) + "-" + std::to_string( group.myEnd );
+        text += group.myStart == group.myEnd && &group != groups.data() ? "!" : "";
+    }
+    return text;
+}
+
+TEST( RegExSearch, GivesWhatThePlainRuleGives )
+{
+    Random random( 20 );
+    int nbrOfPairs = 0;
+    int nbrOfMatches = 0;
+    while ( nbrOfPairs < 200000 ) {
+        const std::string pattern = random.pattern( 3 );
+        const RegEx regEx( pattern.c_str(), RegEx::silentCompile );
+        for ( int i = 0; regEx.isValid() && i < 20; ++i ) {
+            const std::string subject = random.subject();
+            const std::optional< std::string > expected = PlainMatcher( regEx, subject ).search();
+            if ( !expected )
+                continue;
+            ASSERT_EQ( *expected, matchOf( regEx, subject ) ) << pattern << " on " << subject;
+            ASSERT_EQ( *expected, matchKeepingAll( regEx, subject ) )
+                << pattern << " on " << subject << ", all outcomes kept";
+            ASSERT_EQ( *expected != "none", regEx.search( subject.c_str() ) );
+            ++nbrOfPairs;
+            nbrOfMatches += *expected != "none";
+        }
+    }
+    EXPECT_GT( nbrOfMatches, nbrOfPairs / 3 );
+    EXPECT_LT( nbrOfMatches, nbrOfPairs * 9 / 10 );
+}
+
+} // namespace
+} // namespace Nuv::Utils
