@@ -3,15 +3,26 @@
 #include "nuv.h"
 
 #include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
 #include <sys/time.h>
 
 namespace Nuv::Utils {
 
+class TimeZone;
+
 /// An absolute time: unsigned 64-bit nanoseconds since 1970-01-01 00:00:00 UTC, until the year
 /// 2554.
 ///
+/// Broken-down times outside 1970 to 2554 become the nearest end of that range. A format is that of
+/// strftime() in the process's locale. "%Z" and "%z" give the zone's abbreviation and offset
+/// ("+0100", "-0530"); "%s" is the C library's and knows nothing of the zone.
+///
 /// Threads: a value; const operations may run concurrently.
+/// Errors:  a text of more than 1 MiB comes out empty.
 /// Bytes:   8, the count alone.
+/// Example: Time().asString( "%Y-%m-%d %H:%M:%S %Z", TimeZone() )
 class NUV_API Time
 {
 public:
@@ -29,6 +40,16 @@ public:
     {
     }
 
+    // Link seam: the conversions by calendar are defined in nuvTimeZone.cpp, whose unit owns the
+    // arithmetic of the calendar and of the zones.
+
+    /// The fields, read as UTC; they need not be normal (see TimeZone::timeCode()).
+    explicit Time( const std::tm& fields );
+    /// The fields, read as local time of the zone; a time that comes twice is the one in standard
+    /// time, and so is one that is skipped ( 02:30 before a gap of an hour is 03:30 behind it ).
+    /// @throws TimeZone::Exception if the zone has no standard time at that moment
+    Time( const std::tm& fields, const TimeZone& zone );
+
     /// A time before 1970 becomes the zero time.
     void set( const timeval& value );
     constexpr void set( std::uint64_t nanoseconds ) { myNs = nanoseconds; }
@@ -36,6 +57,13 @@ public:
     constexpr std::uint64_t ns() const { return myNs; }
     /// Whole microseconds; the rest below one is dropped.
     operator timeval() const;
+
+    /// Whole seconds since 1970.
+    constexpr std::uint64_t seconds() const { return myNs / nsPerSec; }
+    /// @return the text in UTC
+    std::string asString( std::string_view format ) const;
+    /// @return the text in the zone's local time
+    std::string asString( std::string_view format, const TimeZone& zone ) const;
 
     friend constexpr auto operator<=>( const Time&, const Time& ) = default;
 
