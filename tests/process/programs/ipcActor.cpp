@@ -6,7 +6,6 @@
 //     put TEXT | get                                                            the segment
 //     write COUNT LENGTH ID | read                                              the ring
 //     signal | await MS                                                         the event
-//     churn NAME       makes, uses and destroys objects of that name for ever, a line each time
 //     drop             destroys all
 
 #include "nuvEvent.h"
@@ -40,19 +39,6 @@ void drop()
     ourFifoPtr.reset();
     ourSegmentPtr.reset();
     ourSemaphorePtr.reset();
-}
-
-// What is killed in here is killed at any step of an object's life.
-[[noreturn]] void churn( const std::string& name )
-{
-    for ( ;; ) {
-        Io::InterprocessFifo fifo( name.c_str(), 1000 );
-        Utils::Buffer entry( "churned" );
-        fifo.write( entry );
-        fifo.event().wait( 0 );
-        fifo.read( &entry );
-        std::cout << entry << std::endl;
-    }
 }
 
 std::string writeEntries( std::istream& arguments )
@@ -91,8 +77,6 @@ std::string makeObject( const std::string& command, std::istream& arguments )
         ourEventPtr = std::make_unique< Mt::Event >( name );
         return "made";
     }
-    if ( command == "churn" )
-        churn( name );
     return "unknown command";
 }
 
