@@ -117,6 +117,11 @@ void writeFile( const std::string& pathname, const std::string& bytes )
     EXPECT_TRUE( file ) << "cannot write " << pathname;
 }
 
+unsigned int modeOf( const std::string& pathname )
+{
+    return static_cast< unsigned int >( std::filesystem::status( pathname ).permissions() );
+}
+
 TemporaryFolder::TemporaryFolder()
     : myPath( RootFixture::root( "folder-XXXXXX" ) )
 {

@@ -25,6 +25,9 @@ std::string readFile( const std::string& pathname );
 /// Creates missing directories, replaces what the file held; a test failure when it cannot.
 void writeFile( const std::string& pathname, const std::string& bytes );
 
+/// @return the permission bits of what the pathname leads to; none that exist when nothing is there
+unsigned int modeOf( const std::string& pathname );
+
 /// @return the text of the exception of this type that the action throws, "" if it throws none
 template < class Exception, class Action >
 std::string textOf( const Action& action )

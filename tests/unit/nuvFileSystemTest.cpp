@@ -22,8 +22,6 @@ std::optional< mode_t > ourMode;
 std::optional< ino_t > ourInode;
 uid_t ourEuid = 1000, ourOwner = 1000;
 gid_t ourGroup = 1000;
-NuvTest::Fault ourStatFault;
-NuvTest::Fault ourChmodFault;
 
 int disguise( int result, struct stat* statPtr )
 {
@@ -31,7 +29,7 @@ int disguise( int result, struct stat* statPtr )
     statPtr->st_ino = ourInode.value_or( statPtr->st_ino );
     statPtr->st_uid = ourOwner;
     statPtr->st_gid = ourGroup;
-    return ourStatFault.strikes() ? -1 : result;
+    return result;
 }
 
 } // namespace
@@ -42,8 +40,6 @@ NUV_WRAP( uid_t, getuid, (), 1000 )
 NUV_WRAP( uid_t, geteuid, (), ourEuid )
 NUV_WRAP( gid_t, getgid, (), 1000 )
 NUV_WRAP( gid_t, getegid, (), 1000 )
-NUV_FAIL_CALLS( ourChmodFault, -1, int, chmod, ( const char* pathPtr, mode_t mode ),
-                ( pathPtr, mode ) )
 
 namespace Nuv::Io {
 namespace {
@@ -54,23 +50,11 @@ using FS = FileSystem;
 class FileSystemOnFolder : public ::testing::Test
 {
 protected:
-    ~FileSystemOnFolder() override
-    {
-        ourMode.reset();
-        ourInode.reset();
-        ourEuid = 1000;
-    }
     String path( const char* namePtr ) const { return myFolder.path( namePtr ); }
     String makeFile( const char* namePtr )
     {
         NuvTest::writeFile( path( namePtr ), "12345" );
         return path( namePtr );
-    }
-    static mode_t modeOf( const String& pathname )
-    {
-        struct stat info = {};
-        EXPECT_EQ( ::stat( pathname.c_str(), &info ), 0 );
-        return info.st_mode & 07777;
     }
 
     NuvTest::TemporaryFolder myFolder;
@@ -90,16 +74,9 @@ TEST( FileSystemNormalize, GivesTheOneFormOfEveryPathname )
         EXPECT_EQ( FS::normalize( &result ), normal.empty() ? 0u : 1u ) << row;
         EXPECT_EQ( result, normal.empty() ? text : normal ) << row;
     }
-    String absolute( "/a\0b", 4 );
-    EXPECT_EQ( FS::normalize( &absolute ), 0u );
-    const NuvTest::TemporaryFolder folder;
-    const String gone = folder.path( "gone" );
-    ASSERT_TRUE( FS::createDirectory( gone ) && FS::setCurrentDirectory( gone ) );
-    ASSERT_TRUE( FS::remove( gone ) );
-    absolute = "a";
-    EXPECT_FALSE( FS::makePathAbsolute( &absolute ) || FS::normalize( &absolute ) != 0 );
-    EXPECT_TRUE( FS::setCurrentDirectory( "/" ) );
-    EXPECT_FALSE( FS::setCurrentDirectory( gone ) );
+    String withNul( "/a\0b", 4 );
+    EXPECT_EQ( FS::normalize( &withNul ), 0u );
+    EXPECT_TRUE( FS::setCurrentDirectory( "/" ) && !FS::setCurrentDirectory( "/no/such" ) );
 }
 
 TEST( FileSystemTexts, ChildIsBelowParentByWholeNames )
@@ -144,10 +121,9 @@ TEST_F( FileSystemOnFolder, AttributesFollowModeOwnerGroupAndName )
             all |= mode >> i & 1 ? classes[i] : 0;
         EXPECT_EQ( FS::pathnameAttributes( pathname ), all ) << std::oct << mode << " " << bits;
     }
-    ASSERT_TRUE( FS::setCurrentDirectory( path( "a" ) ) );
-    EXPECT_THROW( FS::pathnameAttributes( ".profile" ), LogicException );
-    EXPECT_EQ( FS::pathnameAttributes( "missing" ), 0u );
-    ASSERT_TRUE( FS::setCurrentDirectory( "/" ) );
+    EXPECT_EQ( FS::pathnameAttributes( "/missing" ), 0u );
+    EXPECT_THROW( FS::pathnameAttributes( "tmp" ), LogicException ); // in the current directory
+    ourMode.reset();
 }
 
 TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
@@ -158,61 +134,50 @@ TEST_F( FileSystemOnFolder, PermissionsAreGrantedAndTakenByTable )
         { true, 0200, FS::executable, 0311 },
         { true, 01000, FS::userReadable | FS::groupWriteable | FS::otherExecutable, 01421 },
         { true, 0000, FS::userExecutable | FS::groupReadable | FS::otherWriteable, 0142 },
-        { false, 0777, FS::readable, 0333 },
-        { false, 0777, FS::writeable, 0555 },
-        { false, 06777, FS::executable, 06666 } };
+        { false, 0777, FS::readable | FS::executable, 0222 },
+        { false, 06777, FS::writeable, 06555 } };
     const String pathname = makeFile( "x" );
     for ( const auto& [isSet, before, bits, after] : rows ) {
-        ASSERT_EQ( ::chmod( pathname.c_str(), before ), 0 );
+        ::chmod( pathname.c_str(), before );
         EXPECT_TRUE( isSet ? FS::setPathnameAttributes( pathname, bits )
                            : FS::clearPathnameAttributes( pathname, bits ) );
-        EXPECT_EQ( modeOf( pathname ), after ) << std::oct << before << " " << bits;
+        EXPECT_EQ( NuvTest::modeOf( pathname ), after ) << std::oct << before << " " << bits;
     }
     EXPECT_FALSE( FS::setPathnameAttributes( path( "missing" ), FS::readable ) );
-    ourChmodFault.arm( 1, EPERM );
-    EXPECT_FALSE( FS::clearPathnameAttributes( pathname, FS::readable ) );
-    ourChmodFault.arm( 1, EINTR );
-    EXPECT_TRUE( FS::setPathnameAttributes( pathname, FS::readable ) );
 }
 
 TEST_F( FileSystemOnFolder, SizeTimeAndKeyAreThoseOfTheFile )
 {
-    const String pathname = makeFile( "x" );
+    const String pathname = makeFile( "x" ), missing = path( "missing" );
     ASSERT_EQ( ::truncate( pathname.c_str(), 5000000000 ), 0 ); // sparse; beyond 32 bits
     EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
     const timeval times[2] = { { 1, 0 }, { 1700000001, 999999 } };
     ASSERT_EQ( ::utimes( pathname.c_str(), times ), 0 );
     EXPECT_EQ( FS::lastModifiedTime( pathname ),
                Utils::Time( 1700000001 * Utils::Time::nsPerSec ) );
-    EXPECT_EQ( FS::lastModifiedTime( path( "missing" ) ), Utils::Time( 0 ) );
-    ourStatFault.arm( 1, EINTR );
-    EXPECT_EQ( FS::fileSize( pathname ), 5000000000u );
-    EXPECT_EQ( FS::ftok( path( "missing" ).c_str(), 1 ), -1 );
-    for ( const auto& [inode, key] :
-          { std::pair( 0x500000007, 7 ), std::pair( 0x500000000, -1 ) } ) {
-        ourInode = inode;
-        EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), key ); // never private
-    }
+    EXPECT_EQ( FS::lastModifiedTime( missing ), Utils::Time( 0 ) );
+    EXPECT_EQ( FS::ftok( missing.c_str(), 1 ), -1 );
+    ourInode = 0x500000007;
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), 7 );
+    ourInode = 0x500000000;
+    EXPECT_EQ( FS::ftok( pathname.c_str(), 1 ), -1 ); // never private
+    ourInode.reset();
 }
 
 TEST_F( FileSystemOnFolder, DirectoryIsReadOnceByAllItsReferences )
 {
     makeFile( "d/.a" );
-    makeFile( "d/b" );
-    FS::DirectoryHandle handle = FS::openDirectory( path( "d" ) );
+    FS::DirectoryHandle handle = FS::openDirectory( path( "d" ) ), second = handle;
     FS::referenceDirectory( handle );
-    FS::DirectoryHandle second = handle;
-    String first, name;
-    EXPECT_TRUE( FS::readDirectory( handle, &first ) );
     FS::closeDirectory( &handle );
-    EXPECT_TRUE( FS::readDirectory( second, &name ) );
-    EXPECT_TRUE( ( first == ".a" && name == "b" ) || ( first == "b" && name == ".a" ) );
+    String name;
+    EXPECT_TRUE( FS::readDirectory( second, &name ) && name == ".a" );
     EXPECT_FALSE( FS::readDirectory( second, &name ) );
     FS::closeDirectory( &second );
     FS::closeDirectory( &second ); // the invalid handle
     EXPECT_THROW( FS::readDirectory( second, &name ), LogicException );
     EXPECT_THROW( FS::closeDirectory( nullptr ), LogicException );
-    EXPECT_EQ( FS::openDirectory( path( "d/b" ) ), FS::invalidDirectoryHandle() );
+    EXPECT_EQ( FS::openDirectory( path( "d/.a" ) ), FS::invalidDirectoryHandle() );
 }
 
 TEST_F( FileSystemOnFolder, TemporaryFilesAreNewAndPrivate )
@@ -220,14 +185,13 @@ TEST_F( FileSystemOnFolder, TemporaryFilesAreNewAndPrivate )
     const mode_t savedMask = ::umask( 0 );
     String a, b;
     EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &a ) );
-    EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &b ) );
-    EXPECT_NE( a, b );
+    EXPECT_TRUE( FS::tempPathname( "pre", myFolder.path(), &b ) && a != b );
     EXPECT_EQ( a.compare( 0, myFolder.path().size() + 4, myFolder.path() + "/pre" ), 0 );
-    EXPECT_EQ( modeOf( a ), 0600u );
+    EXPECT_EQ( NuvTest::modeOf( a ), 0600u );
     EXPECT_EQ( ::umask( savedMask ), 0u ); // as it was before
     EXPECT_FALSE( FS::tempPathname( "pre", path( "missing" ), &b ) );
     ::setenv( "TMPDIR", myFolder.path().c_str(), 1 );
-    for ( const uid_t euid : { 1000u, 1001u } ) { // the environment of its own user alone
+    for ( const uid_t euid : { 1001u, 1000u } ) { // the environment of its own user alone
         ourEuid = euid;
         EXPECT_TRUE( FS::tempPathname( "nuvTest", "", &a ) && FS::remove( a ) );
         EXPECT_EQ( a.substr( 0, a.rfind( '/' ) ), euid == 1000 ? myFolder.path() : "/tmp" );
@@ -239,25 +203,18 @@ TEST( UmaskScopes, CreatingThreadsAndForksLeaveTheRightUmask )
     const NuvTest::TemporaryFolder folder;
     const mode_t savedMask = ::umask( 027 );
     std::atomic< bool > isDone = false;
-    const auto create = [&]( const char* namePtr, mode_t mask ) {
+    const auto create = [&]( const std::string& directory, mode_t mask ) {
         while ( !isDone ) {
-            const UmaskScope outer( 0777 );
-            const UmaskScope scope( mask );
-            const std::string directory = folder.path( namePtr );
+            const UmaskScope outer( 0777 ), scope( mask );
             EXPECT_EQ( ::mkdir( directory.c_str(), 0777 ), 0 );
-            struct stat info = {};
-            EXPECT_TRUE( ::stat( directory.c_str(), &info ) == 0 &&
-                         ::rmdir( directory.c_str() ) == 0 );
-            EXPECT_EQ( info.st_mode & 0777, 0777 & ~mask );
+            EXPECT_EQ( NuvTest::modeOf( directory ), 0777 & ~mask );
+            EXPECT_EQ( ::rmdir( directory.c_str() ), 0 );
         }
     };
-    std::thread first( create, "a", 02 );
-    std::thread second( create, "b", 033 );
+    std::thread first( create, folder.path( "a" ), 02 ), second( create, folder.path( "b" ), 033 );
     for ( int i = 0; i < 20; ++i ) {
         const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
-            { // not held by a thread that the child does not have
-                const UmaskScope scope( 0 );
-            }
+            std::optional< UmaskScope >( 0 ).reset(); // no thread that is missing here holds it
             EXPECT_EQ( ::umask( 0 ), 027u );
         } );
         EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors << outcome.output;

@@ -4,15 +4,15 @@
 #include "nuvTestSupport.h"
 #include "nuvTestWrap.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <grp.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -23,16 +23,20 @@ struct Identity
 {
     Identity()
     {
-        if ( const char* const textPtr = std::getenv( "NUV_TEST_IDENTITY" ) )
-            std::sscanf( textPtr, "%u %u %d", &real, &effective, &refused );
+        const char* const textPtr = std::getenv( "NUV_TEST_IDENTITY" );
+        std::istringstream( textPtr != nullptr ? textPtr : "1000 1000 0" ) >> real >> effective >>
+            refused;
         saved = effective;
     }
-    bool refuses( uid_t uid )
+    int change( unsigned int* idPtr, uid_t uid )
     {
-        return --refused == 0 || ( uid != real && uid != saved && effective != 0 );
+        if ( --refused == 0 || ( uid != real && uid != saved && effective != 0 ) )
+            return -1;
+        *idPtr = uid;
+        return 0;
     }
-    unsigned int real = 1000, effective = 1000, saved;
-    int refused = 0;
+    unsigned int real, effective, saved;
+    int refused;
 };
 
 Identity& process()
@@ -42,24 +46,15 @@ Identity& process()
 }
 
 gid_t ourEgid = 1000;
-std::vector< gid_t > ourGroups;
-std::size_t ourNeededBytes = 0;
-int ourNbrOfLookUps = 0;
+bool ourIsMember = true;
 std::string ourGroupName = "nuvs";
-NuvTest::Fault ourSwitchFault;
-uid_t ourObjectOwner = 1000;
-std::string ourChanges; // of owners
+NuvTest::Fault ourChownFault;
+std::string ourChanges; // of groups
 
 int change( const std::string& what, uid_t owner, gid_t group )
 {
     ourChanges += what + std::to_string( static_cast< int >( owner ) ) + std::to_string( group );
-    return ourChanges.size() < 14 ? 0 : -1;
-}
-
-int owned( int result, struct stat* statPtr )
-{
-    statPtr->st_uid = ourObjectOwner;
-    return result;
+    return ourChownFault.strikes() ? -1 : 0;
 }
 
 } // namespace
@@ -67,24 +62,15 @@ int owned( int result, struct stat* statPtr )
 NUV_WRAP( uid_t, getuid, (), process().real )
 NUV_WRAP( uid_t, geteuid, (), process().effective )
 NUV_WRAP( gid_t, getegid, (), ourEgid )
-NUV_WRAP( int, seteuid, ( uid_t uid ),
-          ourSwitchFault.strikes() || process().refuses( uid ) ? -1
-                                                               : ( process().effective = uid, 0 ) )
-NUV_WRAP( int, setreuid, ( uid_t real, uid_t ),
-          ourSwitchFault.strikes() ? -1 : ( process().real = real, 0 ) )
-NUV_WRAP( int, getgroups, ( int size, gid_t* ptr ),
-          ( std::copy_n( ourGroups.data(), size, ptr ), static_cast< int >( ourGroups.size() ) ) )
+NUV_WRAP( int, seteuid, ( uid_t uid ), process().change( &process().effective, uid ) )
+NUV_WRAP( int, setreuid, ( uid_t real, uid_t ), process().change( &process().real, real ) )
+NUV_WRAP( int, getgroups, ( int size, gid_t* ptr ), size > 0 ? * ptr = 777, 1 : ourIsMember )
 NUV_WRAP( int, getgrnam_r,
           ( const char* namePtr, group* ptr, char*, size_t size, group** foundPtr ),
-          ( ++ourNbrOfLookUps, ptr->gr_gid = 777,
-            *foundPtr = size >= ourNeededBytes && namePtr == ourGroupName ? ptr : nullptr,
-            size < ourNeededBytes ? ERANGE : 0 ) )
+          ( ptr->gr_gid = 777, *foundPtr = namePtr == ourGroupName ? ptr : nullptr,
+            size < 3000000 ? ERANGE : 0 ) ) // a group of very many members
 NUV_WRAP( int, fchown, ( int, uid_t owner, gid_t group ), change( "fd", owner, group ) )
 NUV_WRAP( int, lchown, ( const char* p, uid_t owner, gid_t group ), change( p, owner, group ) )
-NUV_WRAP_REAL( int, NUV_TIME64( fstat ), ( int fd, struct stat* ptr ),
-               owned( NUV_REAL( NUV_TIME64( fstat ) )( fd, ptr ), ptr ) )
-NUV_WRAP_REAL( int, NUV_TIME64( lstat ), ( const char* pathPtr, struct stat* ptr ),
-               owned( NUV_REAL( NUV_TIME64( lstat ) )( pathPtr, ptr ), ptr ) )
 
 namespace Nuv::Utils {
 namespace {
@@ -109,25 +95,23 @@ bool startedAs( const std::string& identity )
     if ( !startedAs( identity ) )                                                                  \
     return
 
+const unsigned int trueEuid = static_cast< unsigned int >( ::syscall( SYS_geteuid ) );
+
 // The log makes its shared objects as the real user: not every namespace has the made-up ones.
 void openLog()
 {
-    const unsigned int effective = process().effective;
-    process().effective = static_cast< unsigned int >( ::syscall( SYS_geteuid ) );
+    const unsigned int effective = std::exchange( process().effective, trueEuid );
     ourEgid = static_cast< gid_t >( ::syscall( SYS_getegid ) );
     Log::getStandardSource( Log::fatal );
     process().effective = effective;
 }
 
-constexpr const char* ordinary = "1000 1000 0";
-constexpr const char* ofUser50 = "1000 50 0";
-
 TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
 {
     // Identity; then state, owner, effective user during and after; whether a line is logged.
     const std::tuple< const char*, int, unsigned int, unsigned int, unsigned int, bool > rows[] = {
-        { ordinary, 0, 1000, 1000, 1000, false },
-        { ofUser50, 1, 50, 1000, 50, false },
+        { "1000 1000 0", 0, 1000, 1000, 1000, false },
+        { "1000 50 0", 1, 50, 1000, 50, false },
         { "1000 50 1", 2, 50, 50, 50, false },
         { "1000 50 2", 1, 50, 1000, 1000, true } }; // the way back is refused
     for ( const auto& [identityPtr, state, owner, during, after, isLogged] : rows ) {
@@ -155,128 +139,98 @@ TEST( EffectiveUser, IsDroppedToTheLoginUserOnceAndComesBackAtTheEnd )
 
 TEST( SuidProgram, ScopesNestOverlapAndFailWithoutLeavingTheOwnersRights )
 {
-    NUV_AS( ofUser50 );
+    NUV_AS( "1000 50 0" );
+    openLog();
+    const Log::Capture capture;
     {
-        Suid outer;
-        EXPECT_TRUE( outer.euidToFileOwner() );
-        EXPECT_TRUE( outer.euidToFileOwner() ); // the first one's id stays the saved one
-        {
-            Suid inner;
-            EXPECT_TRUE( inner.euidToFileOwner() );
-        }
+        Suid outer, inner;
+        EXPECT_TRUE( outer.euidToFileOwner() && outer.euidToFileOwner() );
+        EXPECT_TRUE( inner.euidToFileOwner() );
+        inner.euidToLogin();
         EXPECT_EQ( process().effective, 50u );
         outer.euidToLogin();
-        EXPECT_EQ( process().effective, 1000u );
-        EXPECT_TRUE( outer.euidToFileOwner() );
+        EXPECT_EQ( process().effective, 1000u ); // though the first call's id was saved twice
+        EXPECT_TRUE( outer.euidToFileOwner() && inner.euidToFileOwner() );
+        outer.euidToLogin(); // before the other, as another thread would
     }
     EXPECT_EQ( process().effective, 1000u );
-    EXPECT_EQ( Suid::nbrOfSwitches(), 4u );
-    Suid first, second;
-    EXPECT_TRUE( first.euidToFileOwner() );
-    EXPECT_TRUE( second.euidToFileOwner() ); // as another thread would
-    first.euidToLogin();
-    second.euidToLogin();
-    EXPECT_EQ( process().effective, 1000u );
     Suid suid;
-    ourSwitchFault.arm( 1, EAGAIN );
+    process().refused = 1;
     EXPECT_FALSE( suid.euidToFileOwner() );
     EXPECT_TRUE( suid.euidToFileOwner() );
-    ourSwitchFault.arm( 1, EAGAIN );
-    openLog();
-    const Log::Capture capture;
+    process().refused = 1;
     suid.euidToLogin();
     EXPECT_TRUE( capture.contains( "errSystemError Could not set user id back from 50" ) );
-    EXPECT_EQ( process().effective, 50u );
     suid.euidToLogin(); // tries again
     EXPECT_EQ( process().effective, 1000u );
+    EXPECT_FALSE( SuperUser( SuperUser::effectiveOnly ).enter() ); // not a program of root
 }
 
-TEST( SuperUserScope, NeedsAProgramOfRootAndTakesTheRealUserAlongOnDemand )
+TEST( SuperUserScope, TakesTheRealUserAlongOnDemand )
 {
-    EXPECT_FALSE( startedAs( ofUser50 ) && SuperUser( SuperUser::effectiveOnly ).enter() );
-    EXPECT_TRUE( !startedAs( "0 0 0" ) || SuperUser( SuperUser::realToo ).enter() );
     NUV_AS( "1000 0 0" );
-    const auto ids = [] { return std::pair( process().real, process().effective ); };
-    SuperUser effective( SuperUser::effectiveOnly );
-    EXPECT_TRUE( effective.enter() );
-    EXPECT_EQ( ids(), std::pair( 1000u, 0u ) );
-    effective.exit();
-    SuperUser root( SuperUser::realToo );
-    EXPECT_TRUE( root.enter() && root.enter() );
-    EXPECT_EQ( ids(), std::pair( 0u, 0u ) );
-    root.exit();
-    EXPECT_EQ( ids(), std::pair( 1000u, 1000u ) );
     openLog();
-    const Log::Capture capture;
-    ourSwitchFault.arm( 2, EPERM ); // that of the real id
+    const auto ids = [] { return std::pair( process().real, process().effective ); };
+    for ( const SuperUser::UidMode mode : { SuperUser::effectiveOnly, SuperUser::realToo } ) {
+        SuperUser root( mode );
+        EXPECT_TRUE( root.enter() && root.enter() );
+        EXPECT_EQ( ids(), std::pair( mode == SuperUser::realToo ? 0u : 1000u, 0u ) );
+        root.exit();
+        EXPECT_EQ( ids(), std::pair( 1000u, 1000u ) );
+    }
+    SuperUser root( SuperUser::realToo );
+    process().refused = 2; // that of the real id
     EXPECT_FALSE( root.enter() );
-    EXPECT_TRUE( capture.contains( "errPermissionDenied Could not set ruid to 0" ) );
     EXPECT_TRUE( root.enter() );
-    ourSwitchFault.arm( 1, EPERM );
+    process().refused = 1;
     root.exit();
-    EXPECT_TRUE( capture.contains( "errSystemError Could not set ruid back to 1000" ) );
     EXPECT_EQ( process().effective, 1000u ) << "after a failed way back of the real id";
 }
 
 TEST( SecuritySettings, ModeAndUmaskComeFromThePermissions )
 {
-    const unsigned int rows[][3] = { { 0, 0, 022 },    { 2, 0600, 022 }, { 4, 0060, 002 },
-                                     { 6, 0660, 002 }, { 8, 0006, 0 },   { 14, 0666, 0 } };
-    for ( const auto& [permissions, mode, umask] : rows ) {
-        const SecurityInfo info( SecurityInfo::fileObject, permissions );
-        EXPECT_EQ( std::pair( info.mode(), info.umask() ), std::pair( mode, umask ) )
-            << permissions;
-    }
     const mode_t savedMask = ::umask( 077 );
-    {
-        SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
+    const mode_t rows[][3] = { { 0, 0, 022 },    { 2, 0600, 022 }, { 4, 0060, 002 },
+                               { 6, 0660, 002 }, { 8, 0006, 0 },   { 14, 0666, 0 } };
+    for ( const auto& [permissions, mode, mask] : rows ) {
+        SecurityInfo info( SecurityInfo::fileObject, permissions );
+        EXPECT_EQ( info.mode(), mode ) << permissions;
         info.applyUmask();
         info.applyUmask();
-        EXPECT_EQ( ::umask( 002 ), 002u );
-        info.restoreUmask();
-        EXPECT_EQ( ::umask( 077 ), 077u );
-        info.applyUmask();
+        EXPECT_EQ( ::umask( mask ), mask ) << permissions;
     }
-    EXPECT_EQ( ::umask( savedMask ), 077u ); // by the destructor
+    EXPECT_EQ( ::umask( savedMask ), 077u ); // restored by the destructors
 }
 
-TEST( SecuritySettings, GroupIsTheApplicationsForItsMembersOnly )
+TEST( SecuritySettings, GroupIsTheApplicationsForItsMembersAndGivenToOwnObjects )
 {
-    NUV_AS( ordinary );
+    NUV_AS( "1000 1000 0" );
+    const std::string configuration = NuvTest::RootFixture::root( "nuvs.conf" );
+    NuvTest::writeFile( configuration, "groupName = appliance" );
     const auto groupId = [] {
         return SecurityInfo( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup ).groupId();
     };
-    NuvTest::writeFile( NuvTest::RootFixture::root( "nuvs.conf" ), "groupName = appliance" );
-    ourGroups.resize( 65536, 777 );
     EXPECT_EQ( groupId(), 1000u ); // there is no such group yet
     ourGroupName = "appliance";
-    ourNeededBytes = static_cast< std::size_t >( -1 ); // never enough: given up
-    EXPECT_EQ( groupId(), 1000u );
-    ourNeededBytes = 3000000; // a group of very many members
     EXPECT_EQ( groupId(), 777u );
-    const int nbrOfLookUps = ourNbrOfLookUps;
-    ourGroups.clear();
+    ourIsMember = false;
     EXPECT_EQ( groupId(), 1000u );
-    EXPECT_EQ( ourNbrOfLookUps, nbrOfLookUps ); // known by now
-    ::unlink( NuvTest::RootFixture::root( "nuvs.conf" ).c_str() );
-}
+    ourIsMember = true;
+    ::unlink( configuration.c_str() );
 
-TEST( SecuritySettings, GroupIsGivenToOwnObjectsOnly )
-{
-    NUV_AS( ordinary );
     NuvTest::writeFile( "./x", "" );
-    ourGroups = { 777 };
     const SecurityInfo info( SecurityInfo::ipcObject, SecurityInfo::ownerAndGroup );
-    for ( const int owner : { 51, 1000 } ) {
-        ourObjectOwner = owner;
+    for ( const unsigned int euid : { trueEuid + 1, trueEuid } ) {
+        process().effective = euid;
         info.applyGroupOwnership( 0 );
         info.applyGroupOwnership( "x" );
         info.applyGroupOwnership( "missing" );
-        EXPECT_EQ( ourChanges, owner == 51 ? "" : "fd-1777x-1777" );
+        EXPECT_EQ( ourChanges, euid != trueEuid ? "" : "fd-1777x-1777" );
     }
-    EXPECT_THROW( info.applyGroupOwnership( 0 ), LogicException ); // the system refuses it
+    ourChownFault.arm( 1, EPERM );
     EXPECT_THROW( info.applyGroupOwnership( "x" ), LogicException );
     ourEgid = 777; // is the effective group already
+    ourChownFault.arm( 1, EPERM );
     EXPECT_NO_THROW( info.applyGroupOwnership( "x" ) );
 }
 

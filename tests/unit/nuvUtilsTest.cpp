@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <string>
+#include <memory>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
@@ -20,76 +20,59 @@ static_assert( ourMap.isSorted() && ourMap.find( "d" )->value == 4 );
 
 TEST( StaticMapFind, ReturnsTheEndForWhatIsMissing )
 {
-    for ( const char* keyPtr : { "", "a", "bb", "c", "ddd", "e", "\x80" } ) {
-        SCOPED_TRACE( keyPtr );
-        EXPECT_EQ( ourMap.end(), ourMap.find( keyPtr ) );
-        EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( keyPtr ) ) );
-    }
+    using namespace std::string_view_literals;
+    for ( const std::string_view key : { ""sv, "a"sv, "b\0"sv, "bb"sv, "c"sv, "ddd"sv, "\x80"sv } )
+        EXPECT_EQ( ourMap.end(), ourMap.find( key ) ) << key;
     EXPECT_EQ( 44, ourMap.find( std::string( "dd" ) )->value );
     constexpr StaticMap< int, int >::Pair twice[] = { { 1, 1 }, { 1, 2 } };
     EXPECT_FALSE( ( StaticMap< int, int >( twice ).isSorted() ) );
-    EXPECT_EQ( ourMap.end(), ourMap.find( std::string_view( "b\0", 2 ) ) );
 }
 
-// Counts its living instances.
+// Each alive holds a share of the count.
 struct Counted
 {
-    explicit Counted( std::atomic< int >* nbrPtr )
-        : myNbrPtr( nbrPtr )
-    {
-        ++*myNbrPtr;
-    }
-    Counted( const Counted& ) = delete;
-    Counted& operator=( const Counted& ) = delete;
-    virtual ~Counted() { --*myNbrPtr; }
-
-    std::atomic< int >* myNbrPtr;
-    CountedPtr< Counted > myNextPtr;
-    int myValue = 0;
+    std::shared_ptr< int > myShare;
+    CountedPtr< Counted > myNextPtr = {};
 };
 
 TEST( CountedPtrOwnership, LastOwnerDeletesTheObjectOnceAssignedInAnyOrder )
 {
-    std::atomic< int > nbrAlive{ 0 };
-    CountedPtr< Counted > first( new Counted( &nbrAlive ) );
+    const auto count = std::make_shared< int >();
+    CountedPtr< Counted > listPtr( new Counted{ count } ), otherPtr( new Counted{ count } );
     {
-        const CountedPtr< Counted > second( first );
+        const CountedPtr< Counted > second( listPtr );
         CountedPtr< const Counted > third;
         third = second;
-        EXPECT_EQ( 3, first.nbrOfOwners() );
+        EXPECT_EQ( 3, listPtr.nbrOfOwners() );
     }
-    EXPECT_EQ( 1, first.nbrOfOwners() );
-    first.dispose();
-    EXPECT_EQ( 0, nbrAlive );
-    EXPECT_THROW( *first, LogicException );
-    CountedPtr< Counted > listPtr( new Counted( &nbrAlive ) ), otherPtr( new Counted( &nbrAlive ) );
-    listPtr->myNextPtr = CountedPtr< Counted >( new Counted( &nbrAlive ) );
+    listPtr->myNextPtr = new Counted{ count };
     const Counted* const nextPtr = listPtr->myNextPtr.get();
     listPtr = listPtr->myNextPtr; // the source dies with the object that is released
     EXPECT_EQ( nextPtr, listPtr.get() );
     listPtr = listPtr.get(); // the object held
+    EXPECT_EQ( 1 + 2, count.use_count() );
     listPtr = otherPtr;
     EXPECT_EQ( 2, otherPtr.nbrOfOwners() );
-    listPtr = new Counted( &nbrAlive );
-    EXPECT_EQ( 1, otherPtr.nbrOfOwners() );
     listPtr = std::move( otherPtr );
-    EXPECT_EQ( 1, nbrAlive );
     EXPECT_EQ( 1, listPtr.nbrOfOwners() );
+    EXPECT_EQ( 1 + 1, count.use_count() );
+    listPtr.dispose();
+    EXPECT_EQ( 1, count.use_count() );
+    EXPECT_THROW( *listPtr, LogicException );
 }
 
 TEST( PtrOwnership, StoringDeletesWhatWasHeld )
 {
-    std::atomic< int > nbrAlive{ 0 };
-    Ptr< Counted > ptr( new Counted( &nbrAlive ) );
-    ptr = new Counted( &nbrAlive );
-    EXPECT_EQ( 1, nbrAlive );
+    const auto count = std::make_shared< int >();
+    Ptr< Counted > ptr( new Counted{ count } );
+    ptr = new Counted{ count };
+    EXPECT_EQ( 1 + 1, count.use_count() );
     ptr.reset( ptr.get() );
     Ptr< Counted > other( std::move( ptr ) );
-    EXPECT_FALSE( ptr ); // NOLINT: moved-from is defined as null
-    EXPECT_THROW( *ptr, LogicException );
+    EXPECT_THROW( *ptr, LogicException ); // NOLINT: moved-from is defined as null
     delete other.release();
-    other.reset();
-    EXPECT_EQ( 0, nbrAlive );
+    EXPECT_FALSE( other );
+    EXPECT_EQ( 1, count.use_count() );
 }
 
 TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
@@ -98,9 +81,7 @@ TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
     int fds[2];
     ASSERT_EQ( 0, ::pipe( fds ) );
     {
-        Handle reader( fds[0] );
-        Handle writer( fds[1] );
-        EXPECT_EQ( 1, ::write( writer, "x", 1 ) );
+        Handle reader( fds[0] ), writer( fds[1] );
         reader.reset( fds[0] ); // the same: stays open
         EXPECT_TRUE( isOpen( fds[0] ) );
         reader = std::move( writer );
@@ -108,10 +89,8 @@ TEST( HandleOwnership, ClosesOnceAndKeepsErrno )
         EXPECT_EQ( fds[1], reader.release() );
     }
     EXPECT_TRUE( isOpen( fds[1] ) );
-    {
-        const Handle writer( fds[1] );
-        errno = ENOSPC;
-    }
+    errno = ENOSPC;
+    Handle( fds[1] ).reset();
     EXPECT_EQ( ENOSPC, errno );
     EXPECT_FALSE( isOpen( fds[1] ) );
 }
@@ -131,13 +110,10 @@ TEST( TokenScannerFields, StandBetweenRunsOfDelimiters )
 {
     TokenScanner< Buffer > scanner( Buffer( ",a;;bc=d" ) );
     std::string token;
-    EXPECT_TRUE( scanner.next( &token, ",;" ) );
-    EXPECT_EQ( "a", token );
+    EXPECT_TRUE( scanner.next( &token, ",;" ) && token == "a" );
     EXPECT_TRUE( scanner.next( nullptr, "=;" ) ); // skipped; the delimiters may change
-    EXPECT_TRUE( scanner.next( &token, "=" ) );
-    EXPECT_EQ( "d", token );
-    EXPECT_FALSE( scanner.next( &token, "=" ) );
-    EXPECT_EQ( "", token );
+    EXPECT_TRUE( scanner.next( &token, "=" ) && token == "d" );
+    EXPECT_FALSE( scanner.next( &token, "=" ) || !token.empty() );
     EXPECT_THROW( scanner.next( &token, nullptr ), LogicException );
 }
 
@@ -157,23 +133,14 @@ struct Listener : Observer< Station >
     int myCount = 0;
 };
 
-TEST( SubjectObservers, AreToldWhileAttached )
+TEST( SubjectObservers, AreToldWhileAttachedAndNeverAfter )
 {
     Station station;
-    Listener first, second;
+    Listener first;
     station.attach( &first );
     station.attach( &first );
-    station.attach( &second );
     station.send();
-    station.detach( &second );
-    station.send();
-    EXPECT_EQ( 2, first.myCount );
-    EXPECT_EQ( 1, second.myCount );
-}
-
-TEST( SubjectThreads, NoUpdateRunsAfterDetach )
-{
-    Station station;
+    EXPECT_EQ( 1, first.myCount );
     std::atomic< bool > isDone{ false };
     std::thread sender( [&] {
         while ( !isDone )
@@ -190,23 +157,21 @@ TEST( SubjectThreads, NoUpdateRunsAfterDetach )
 
 TEST( CallbackFunctorCall, ReachesWhatItIsBoundTo )
 {
-    struct Backup
+    struct Adder
     {
-        int run( Backup* argumentPtr ) { return argumentPtr == this ? ++myNbrOfRuns : -1; }
-        int myNbrOfRuns = 0;
-    } backup;
-    const CallbackFunctor< int, Backup* > member( &backup, &Backup::run );
-    EXPECT_EQ( 1, member( &backup ) );
-    const CallbackFunctor< int, Backup* > lambda( []( Backup* ptr ) { return ptr->myNbrOfRuns; } );
-    EXPECT_EQ( 1, lambda( &backup ) );
-    const CallbackFunctor< int, Backup* > unbound;
-    EXPECT_THROW( unbound( &backup ), LogicException );
+        int add( int number ) { return mySum += number; }
+        int mySum = 0;
+    } adder;
+    using Callback = CallbackFunctor< int, int >;
+    EXPECT_EQ( 3, Callback( &adder, &Adder::add )( 3 ) );
+    EXPECT_EQ( 7, Callback( [&]( int number ) { return adder.mySum + number; } )( 4 ) );
+    EXPECT_THROW( Callback()( 1 ), LogicException );
 }
 
-TEST( NumberParser, ReadsUnsignedAsTabled )
+TEST( NumberParser, ReadsAsTabled )
 {
     // Text, base; then value, nbr of bytes consumed, overflow.
-    const std::tuple< const char*, int, std::uint64_t, std::ptrdiff_t, bool > rows[] = {
+    const std::tuple< std::string, int, std::uint64_t, std::ptrdiff_t, bool > rows[] = {
         { "  -1", 10, UINT64_MAX, 4, false },
         { "\v\f+12x", 10, 12, 5, false },
         { "18446744073709551615", 10, UINT64_MAX, 20, false },
@@ -215,39 +180,29 @@ TEST( NumberParser, ReadsUnsignedAsTabled )
         { "017", 0, 15, 3, false },
         { "0x1f", 16, 0, 1, false }, // an explicit base knows no prefix
         { "z", 36, 35, 1, false },
-        // the 65th digit leaves the value as it was
-        { "11111111111111111111111111111111111111111111111111111111111111111", 2, UINT64_MAX, 64,
-          true },
+        { std::string( 65, '1' ), 2, UINT64_MAX, 64, true }, // the last digit changes nothing
         { " -000x", 10, 0, 5, false },
-        { " 12", 37, 0, 0, false },
-    };
-    for ( const auto& [textPtr, base, value, length, isOverflow] : rows ) {
-        SCOPED_TRACE( textPtr );
+        { " 12", 37, 0, 0, false } };
+    for ( const auto& [text, base, value, length, isOverflow] : rows ) {
+        SCOPED_TRACE( text );
         char* endPtr = nullptr;
         bool overflow = !isOverflow;
-        EXPECT_EQ( value, strtou64( textPtr, &endPtr, base, &overflow ) );
-        EXPECT_EQ( length, endPtr - textPtr );
+        EXPECT_EQ( value, strtou64( text.c_str(), &endPtr, base, &overflow ) );
+        EXPECT_EQ( length, endPtr - text.c_str() );
         EXPECT_EQ( isOverflow, overflow );
     }
     EXPECT_THROW( strtou64( nullptr, nullptr, 10, nullptr ), LogicException );
-}
-
-TEST( NumberParser, SignedOverflowsWhereTheSignIsLost )
-{
-    const std::tuple< const char*, std::int64_t, bool > rows[] = {
+    // Signed numbers overflow where the sign is lost.
+    const std::tuple< const char*, std::int64_t, bool > signedRows[] = {
         { "9223372036854775807", INT64_MAX, false },
         { "9223372036854775808", INT64_MIN, true },
         { "-9223372036854775808", INT64_MIN, false },
         { " -9223372036854775809", INT64_MAX, true },
-        { "-0", 0, false },
-        { "18446744073709551615", -1, true },
-    };
-    for ( const auto& [textPtr, value, isOverflow] : rows ) {
-        SCOPED_TRACE( textPtr );
+        { "18446744073709551615", -1, true } };
+    for ( const auto& [textPtr, value, isOverflow] : signedRows ) {
         bool overflow = !isOverflow;
-        EXPECT_EQ( value, strtoi64( textPtr, nullptr, 10, &overflow ) );
-        EXPECT_EQ( isOverflow, overflow );
-        EXPECT_EQ( value, strtoi64( textPtr, nullptr, 10, nullptr ) );
+        EXPECT_EQ( value, strtoi64( textPtr, nullptr, 10, &overflow ) ) << textPtr;
+        EXPECT_EQ( isOverflow, overflow ) << textPtr;
     }
 }
 
