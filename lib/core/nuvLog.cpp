@@ -262,7 +262,7 @@ StandardSourceSet* StandardSourceSet::singletonPtr()
 StandardSourceSet& makeStandardSources()
 {
     const int errorNbr = errno;
-    const CancelShield shield;
+    const Mt::CancelState disabled;
     try {
         if ( isTimeToTry() )
             ensureConfigManager();

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <pthread.h>
 #include <string>
 
 namespace Nuv::Utils {
@@ -216,20 +215,6 @@ void ensureConfigManager();
 /// has been bound: makes and binds the standard sources too, so that a failing assertion finds them
 /// ready.
 void bindStandardSources();
-
-/// Keeps the calling thread from being cancelled for a scope: neither a destructor nor a handler of
-/// all exceptions lets a cancellation's unwinding pass.
-class CancelShield
-{
-public:
-    CancelShield() { ::pthread_setcancelstate( PTHREAD_CANCEL_DISABLE, &myState ); }
-    CancelShield( const CancelShield& ) = delete;
-    CancelShield& operator=( const CancelShield& ) = delete;
-    ~CancelShield() { ::pthread_setcancelstate( myState, nullptr ); }
-
-private:
-    int myState;
-};
 
 /// One message under construction: writes the preamble, takes the text, hands the whole to the
 /// drain in its destructor. A helper made while another one of the same thread is alive discards

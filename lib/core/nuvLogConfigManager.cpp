@@ -159,7 +159,7 @@ void Source::init( const char* zoneNamePtr )
 {
     if ( drainPtr() != nullptr )
         return;
-    const CancelShield shield;
+    const Mt::CancelState disabled;
     const char* const namePtr = severity() == fatal ? ourSyslogZoneName : zoneNamePtr;
     if ( !ourIsComplete.load( std::memory_order_acquire ) &&
          !SourceBinding::reach( this, namePtr ) )
@@ -181,7 +181,7 @@ void Source::unbind()
 
 Source::~Source()
 {
-    const CancelShield shield;
+    const Mt::CancelState disabled;
     if ( drainPtr() == nullptr )
         forgetPending( this ); // waits for a binding that is just being made
     ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt();
@@ -195,7 +195,7 @@ ConfigManager* ConfigManager::singletonPtr()
 {
     if ( ConfigManager* const managerPtr = ManagerSingleton::ptrIfBuilt() )
         return managerPtr;
-    const CancelShield shield;
+    const Mt::CancelState disabled;
     nuvAssertText( !ourIsBuilder, "!ourIsBuilder", "the manager is used while it is being built" );
     SourceBinding::reach( nullptr, "" );
     // Waits for another thread that is building it.

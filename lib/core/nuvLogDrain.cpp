@@ -388,7 +388,7 @@ void Drain::outputMessage( Severity severity, const Utils::Buffer& message,
 {
     if ( Capture::take( severity, message, zoneNamePtr ) || myOptions.type == Options::null )
         return;
-    const CancelShield shield;
+    const Mt::CancelState disabled;
     const Mt::MutexLock lock( myMutex );
     bool isWritten = false;
     try {

@@ -106,4 +106,26 @@ private:
     bool myEntered;
 };
 
+/// Sets for a scope whether the calling thread can be cancelled.
+///
+/// Not while something is half made that no guard takes back, and not under a destructor, a
+/// noexcept function or a handler of all exceptions: none of them lets a cancellation's unwinding
+/// pass.
+///
+/// Threads: one; scopes nest.
+class CancelState
+{
+public:
+    explicit CancelState( int state = PTHREAD_CANCEL_DISABLE )
+    {
+        ::pthread_setcancelstate( state, &mySavedState );
+    }
+    CancelState( const CancelState& ) = delete;
+    CancelState& operator=( const CancelState& ) = delete;
+    ~CancelState() { ::pthread_setcancelstate( mySavedState, nullptr ); }
+
+private:
+    int mySavedState = PTHREAD_CANCEL_ENABLE;
+};
+
 } // namespace Nuv::Mt

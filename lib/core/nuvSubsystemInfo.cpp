@@ -145,19 +145,6 @@ ThreadDetailsArray* createSegment()
     return segmentPtr;
 }
 
-// A thread cancelled in the middle of the set-up would leave the master semaphore taken by nobody.
-class CancellationDisabled
-{
-public:
-    CancellationDisabled() { ::pthread_setcancelstate( PTHREAD_CANCEL_DISABLE, &mySavedState ); }
-    CancellationDisabled( const CancellationDisabled& ) = delete;
-    CancellationDisabled& operator=( const CancellationDisabled& ) = delete;
-    ~CancellationDisabled() { ::pthread_setcancelstate( mySavedState, nullptr ); }
-
-private:
-    int mySavedState = 0;
-};
-
 } // namespace
 
 void ThreadDetails::description( const char* textPtr )
@@ -282,7 +269,8 @@ void SubsystemInfo::nameStrPtr( const NamePtr& namePtr )
 
 ThreadDetails* SubsystemInfo::allocDetail()
 {
-    const CancellationDisabled cancellationDisabled;
+    // Cancelled in the middle, the thread would leave the master semaphore taken by nobody.
+    const CancelState disabled;
     struct Scope
     {
         bool& flag;

@@ -63,20 +63,6 @@ private:
     pthread_attr_t myAttributes;
 };
 
-// A thread can be cancelled only within its task function: the steps around it would leave locks
-// and the status record behind.
-class Cancellation
-{
-public:
-    explicit Cancellation( int state ) { ::pthread_setcancelstate( state, &mySavedState ); }
-    Cancellation( const Cancellation& ) = delete;
-    Cancellation& operator=( const Cancellation& ) = delete;
-    ~Cancellation() { ::pthread_setcancelstate( mySavedState, nullptr ); }
-
-private:
-    int mySavedState = 0;
-};
-
 // The creator's signal mask, with the interrupt signals blocked: the initial thread, which gets
 // these, creates the task "main".
 sigset_t signalMask()
@@ -129,7 +115,7 @@ void logCategory( const char* prefixPtr )
 
 void logEscapedException( const char* prefixPtr ) noexcept
 {
-    const Cancellation disabled( PTHREAD_CANCEL_DISABLE );
+    const CancelState disabled;
     try {
         logCategory( prefixPtr );
     } catch ( ... ) {
@@ -303,7 +289,7 @@ __attribute__( ( no_sanitize( "null" ) ) ) bool ThreadedTask::run()
 
 void ThreadedTask::runFunction()
 {
-    const Cancellation enabled( PTHREAD_CANCEL_ENABLE );
+    const CancelState enabled( PTHREAD_CANCEL_ENABLE );
     ::pthread_testcancel(); // a task terminated while it was suspended never runs
     const unsigned int result = myFunction( this, myArgumentPtr );
     myExitCode.store( static_cast< int >( result ), std::memory_order_release );
@@ -319,9 +305,11 @@ void ThreadedTask::end( bool isNormal )
     ThreadletonMgr::singletonPtr()->deleteThreadletons();
 }
 
+// The thread can be cancelled only within its task function: the steps around that would leave
+// locks and the status record behind.
 void* ThreadedTask::threadStart( void* taskPtr )
 {
-    const Cancellation disabled( PTHREAD_CANCEL_DISABLE );
+    const CancelState disabled;
     ThreadedTask* const thisPtr = static_cast< ThreadedTask* >( taskPtr );
     nuvAssert( thisPtr != NULL );
     const AlternateSignalStack signalStack;
