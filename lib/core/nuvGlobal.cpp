@@ -83,6 +83,21 @@ VersionedRecord::Part part( Record* sharedPtr, const Record* privatePtr )
 
 } // namespace
 
+PlatformFacts PlatformFacts::of( const Config& bootInfo )
+{
+    PlatformFacts facts;
+    facts.model = bootInfo.stringValue( "Platform", "model", "" );
+    if ( facts.model.empty() )
+        return facts;
+    const std::string section = facts.model + "/Capabilities";
+    const auto end = bootInfo.tspEnd( section );
+    for ( auto i = bootInfo.tspBegin( section ); i != end; ++i ) {
+        if ( bootInfo.boolValue( section, i->first, false ) )
+            facts.capabilities.insert( i->first );
+    }
+    return facts;
+}
+
 Global* Global::singletonPtr()
 {
     return Singleton< Global >::ptr( GlobalSingletonPtrMutex );
@@ -97,21 +112,12 @@ Global::Global()
     myIncludeLocalSystem = master.boolValue( "WinNt", "includeLocalSystem", true );
 
     const Io::Pathname bootInfo( Io::Pathname::rootDirectory, "/etc/boot.info" );
-    const Config boot( bootInfo.cStr() );
-    myModel = boot.stringValue( "Platform", "model", "" );
-    if ( myModel.empty() )
-        return;
-    const std::string section = myModel + "/Capabilities";
-    const auto end = boot.tspEnd( section );
-    for ( auto i = boot.tspBegin( section ); i != end; ++i ) {
-        if ( boot.boolValue( section, i->first, false ) )
-            myCapabilities.insert( i->first );
-    }
+    myPlatform = PlatformFacts::of( Config( bootInfo.cStr() ) );
 }
 
 bool Global::platformHasCapability( const char* namePtr ) const
 {
-    return namePtr != nullptr && myCapabilities.contains( namePtr );
+    return namePtr != nullptr && myPlatform.capabilities.contains( namePtr );
 }
 
 Global::Data& Global::data() const

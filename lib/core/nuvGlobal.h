@@ -16,8 +16,20 @@
 
 namespace Nuv::Utils {
 
+class Config;
 template < class T >
 class Singleton;
+
+/// What boot.info says of the machine.
+struct NUV_API PlatformFacts
+{
+    /// Key "model" of the section Platform; empty, without capabilities, if it is missing.
+    std::string model;
+    /// The keys of the section <model>/Capabilities that read true.
+    std::set< std::string > capabilities;
+
+    static PlatformFacts of( const Config& bootInfo );
+};
 
 /// The platform facts that every process needs, and the settings that all processes share.
 ///
@@ -75,8 +87,8 @@ public:
     bool includeSelf() const { return myIncludeSelf; }
     bool includeAdministrators() const { return myIncludeAdministrators; }
     bool includeLocalSystem() const { return myIncludeLocalSystem; }
-    const std::string& model() const { return myModel; }
-    const std::set< std::string >& capabilities() const { return myCapabilities; }
+    const std::string& model() const { return myPlatform.model; }
+    const std::set< std::string >& capabilities() const { return myPlatform.capabilities; }
     /// @param namePtr compared exactly; null has no capability
     bool platformHasCapability( const char* namePtr ) const;
 
@@ -124,8 +136,7 @@ private:
     bool myIncludeSelf = true;
     bool myIncludeAdministrators = true;
     bool myIncludeLocalSystem = true;
-    std::set< std::string > myCapabilities;
-    std::string myModel;
+    PlatformFacts myPlatform;
 };
 
 static_assert( sizeof( Global::Data ) == 100108 );

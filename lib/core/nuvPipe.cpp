@@ -156,10 +156,14 @@ ServerPipe::ServerPipe( const char* namePtr )
     if ( !made )
         throw Exception( "The specified Io::ServerPipe name is already in use.", 0, 0 );
     myMark = openFifo( myInPipeNameStr, O_PATH );
+    while ( myServerConnectSema.peek() || myClientConnectSema.peek() ) {
+    }
 }
 
 ServerPipe::~ServerPipe()
 {
+    if ( myFrame.isStopped() && !myIsStopTaken )
+        myClientConnectSema.peek();
     ::unlink( myInPipeNameStr.c_str() );
     ::unlink( myOutPipeNameStr.c_str() );
 }
@@ -167,11 +171,19 @@ ServerPipe::~ServerPipe()
 void ServerPipe::connect()
 {
     static constexpr char text[] = "errSystemError open error on ";
+    static constexpr char failure[] = "The connect to the specified Io::ServerPipe failed.";
     logStep( "Begin", "connect" );
     close();
+    if ( myIsStopTaken )
+        throw Exception( failure, 0, 0 );
     myServerConnectSema.post();
     logStep( "   myClientConnectSema.wait()", "connect" );
     myClientConnectSema.wait();
+    if ( myFrame.isStopped() ) {
+        myIsStopTaken = true;
+        myServerConnectSema.peek(); // no client shall take this server for available
+        throw Exception( failure, 0, 0 );
+    }
     logStep( "   ::open( myInPipeNameStr )", "connect" );
     const Utils::String* failedPtr = openIn() ? nullptr : &myInPipeNameStr;
     if ( failedPtr == nullptr ) {
@@ -181,7 +193,7 @@ void ServerPipe::connect()
     if ( failedPtr != nullptr ) {
         logOpenError( text, *failedPtr, errno );
         close();
-        throw Exception( "The connect to the specified Io::ServerPipe failed.", 0, 0 );
+        throw Exception( failure, 0, 0 );
     }
     logStep( "Before connect complete notify", "connect" );
     myServerConnectSema.post();
@@ -223,6 +235,12 @@ void ServerPipe::drainPipe()
     if ( !myFrame.drain( myInFd, myInPipeNameStr,
                          CtConfig::maxPipeReadWaitTimeInSec.load( std::memory_order_relaxed ) ) )
         throw Exception( "Failed to clear contents from the specified Io::ServerPipe.", 0, 0 );
+}
+
+void ServerPipe::stop()
+{
+    myFrame.stop();
+    myClientConnectSema.post(); // what connect() waits for
 }
 
 // ---- client -----------------------------------------------------------------------------------

@@ -97,9 +97,9 @@ protected:
 ///
 /// connect() waits without limit for a client to ask; from then on every step of either handshake
 /// waits for the other side CtConfig::handshakeTimeoutMs (30 s) at most, so that a client that was
-/// killed is an error, not a hang.
+/// killed is an error, not a hang. stop() ends the waits that have no limit.
 ///
-/// Threads: one at a time.
+/// Threads: one at a time; stop() from any.
 /// Errors:  Exception as each member says, after a line in the zone "IoPipe" at error severity; a
 ///          write into a pipe whose reader has gone is one, SIGPIPE ends nobody.
 /// Owns:    the FIFOs, which its destructor removes. A killed server leaves them behind, and its
@@ -117,6 +117,8 @@ public:
         using RuntimeException::RuntimeException;
     };
 
+    /// What the handshakes with an earlier server, that was killed, left in the semaphores is
+    /// taken out.
     /// @throws Exception "The specified Io::ServerPipe name is already in use." if a FIFO cannot be
     ///         made
     explicit ServerPipe( const char* namePtr );
@@ -137,8 +139,13 @@ public:
     /// @throws Exception "Failed to clear contents from the specified Io::ServerPipe."
     void drainPipe();
 
+    /// For a daemon that is to end: connect() and readMsg() that wait throw their Exception, the
+    /// latter within a second; so do all later ones that would have to wait.
+    void stop();
+
 private:
-    Utils::Handle myMark; // O_PATH on the FIFO to the server: a live server's sign
+    bool myIsStopTaken = false; // connect() has consumed what stop() posted
+    Utils::Handle myMark;       // O_PATH on the FIFO to the server: a live server's sign
 };
 
 /// The end that connects to an existing server.

@@ -145,6 +145,15 @@ bool PipeFrame::write( int fd, const std::string& pathname, const Utils::Buffer&
 
 // ---- reading ----------------------------------------------------------------------------------
 
+void PipeFrame::logReadError( const Reading& reading, const char* textPtr ) const
+{
+    const int errorNbr = errno;
+    if ( !isStopped() )
+        nuvLogTo( error() ) << textPtr << reading.pathname
+                            << " error: " << std::strerror( errorNbr ) << " [" << myClassNamePtr
+                            << "::readMsg]";
+}
+
 void PipeFrame::logZeroRead( const Reading& reading, const char* textPtr, const char* functionPtr )
 {
     if ( std::exchange( myZeroRead, true ) )
@@ -216,6 +225,10 @@ bool PipeFrame::take( Reading* readingPtr, char* ptr, std::size_t length )
             readingPtr->nbrOfQuickAttempts = nbrOfQuickAttempts - 1;
             continue;
         }
+        if ( isStopped() ) {
+            errno = ECANCELED;
+            return false;
+        }
         // A pipe that is found without a writer at once may be about to get its first one.
         const bool isUntried = nbrOfQuickAttempts > 0;
         if ( !( n == 0 && !isUntried ? step( readingPtr ) : waitForBytes( readingPtr ) ) )
@@ -259,10 +272,7 @@ bool PipeFrame::readHeader( Reading* readingPtr )
     while ( readingPtr->nbrOfHeaderBytes < headerSize ) {
         const std::size_t done = readingPtr->nbrOfHeaderBytes;
         if ( !take( readingPtr, readingPtr->headerPtr() + done, headerSize - done ) ) {
-            const int errorNbr = errno;
-            nuvLogTo( error() ) << "errSystemError read of message size failed on "
-                                << readingPtr->pathname << " error: " << std::strerror( errorNbr )
-                                << " [" << myClassNamePtr << "::readMsg]";
+            logReadError( *readingPtr, "errSystemError read of message size failed on " );
             return false;
         }
         if ( !areSizesChecked && readingPtr->nbrOfHeaderBytes >= 2 * wordSize ) {
@@ -290,10 +300,7 @@ bool PipeFrame::readData( Reading* readingPtr )
     while ( readingPtr->nbrOfDataBytes < size ) {
         const std::size_t done = readingPtr->nbrOfDataBytes;
         if ( !take( readingPtr, data.data() + done, size - done ) ) {
-            const int errorNbr = errno;
-            nuvLogTo( error() ) << "errSystemError read of message failed on "
-                                << readingPtr->pathname << " error: " << std::strerror( errorNbr )
-                                << " [" << myClassNamePtr << "::readMsg]";
+            logReadError( *readingPtr, "errSystemError read of message failed on " );
             return false;
         }
         if ( readingPtr->nbrOfDataBytes < size )

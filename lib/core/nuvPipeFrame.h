@@ -5,6 +5,7 @@
 #include "nuvPipeHash.h"
 #include "nuvUtils.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -62,6 +63,11 @@ public:
     /// @return false if no writer came back within timeoutSec
     bool drain( int fd, const std::string& pathname, unsigned int timeoutSec );
 
+    /// From any thread: a read() that waits ends within a second, later ones as soon as they would
+    /// wait; without a line in the log.
+    void stop() { myIsStopped.store( true, std::memory_order_relaxed ); }
+    bool isStopped() const { return myIsStopped.load( std::memory_order_relaxed ); }
+
     /// Data of more bytes are refused by read() as those of negative size are; 64 MiB at first.
     static void maxDataSize( std::uint32_t nbrOfBytes );
     static std::uint32_t maxDataSize();
@@ -69,6 +75,7 @@ public:
 private:
     struct Reading;
 
+    void logReadError( const Reading& reading, const char* textPtr ) const;
     void logZeroRead( const Reading& reading, const char* textPtr, const char* functionPtr );
     bool take( Reading* readingPtr, char* ptr, std::size_t length );
     bool waitForBytes( Reading* readingPtr );
@@ -84,6 +91,7 @@ private:
 
     const char* myClassNamePtr;
     Log::SourceSet* mySourcesPtr;
+    std::atomic< bool > myIsStopped = false;
     bool myZeroRead = false; // a read without a writer was logged
 };
 

@@ -21,7 +21,7 @@ namespace Nuv::HealthAndSecurity {
 /// a second within its copy, with a second one at work, can break that.)
 ///
 /// Threads: any number of readers; 32-bit and 64-bit processes alike.
-struct VersionedRecord
+struct NUV_API VersionedRecord
 {
     static constexpr std::uint32_t busyBit = 0x80000000;
     static constexpr std::uint32_t counterMask = 0x7FFFFFFF;
