@@ -10,10 +10,6 @@ namespace Nuv::Tools {
 
 namespace {
 
-// The FIFOs of a pipe, by direction.
-constexpr const char* toServerPrefix = "pipe_toSrvr_";
-constexpr const char* fromServerPrefix = "pipe_fmSrvr_";
-
 bool beginsWith( const std::string& text, const char* prefixPtr )
 {
     return text.compare( 0, std::strlen( prefixPtr ), prefixPtr ) == 0;
@@ -54,7 +50,6 @@ private:
     std::optional< KnownUsers > usersOf( const std::string& name ) const;
     KnownUsers attachedTo( const std::string& segmentName ) const;
     KnownUsers openersOf( const std::string& fifoName ) const;
-    bool hasServer( const std::string& pipeName ) const;
     bool hasAllAttachedVisible( const NamedSegment& segment ) const;
     void findLiveUsers();
 
@@ -71,7 +66,8 @@ private:
 bool isLock( const std::string& name )
 {
     return beginsWith( name, "shm_" ) || beginsWith( name, "evt_" ) ||
-           beginsWith( name, "IpFifo_" ) || name == "LogConfigManager" || name == "global-shm";
+           beginsWith( name, "IpFifo_" ) || beginsWith( name, "mmf_" ) ||
+           name == "LogConfigManager" || name == "global-shm";
 }
 
 Diagnosis::Diagnosis( const Inventory& inventory, bool holdsMaster )
@@ -337,17 +333,6 @@ void Diagnosis::judgeSegment( const NamedSegment& segment )
     finding.myKernelId = segment.mySegment->myId;
 }
 
-/// A pipe's server keeps a descriptor of the FIFO to it, connected or not; no client reads that
-/// one.
-bool Diagnosis::hasServer( const std::string& pipeName ) const
-{
-    const NamedFifo* const fifoPtr = myInventory.findFifo( toServerPrefix + pipeName );
-    if ( fifoPtr == nullptr )
-        return false;
-    return std::any_of( fifoPtr->myUsers.begin(), fifoPtr->myUsers.end(),
-                        []( const auto& user ) { return user.second.myNbrOfReaders > 0; } );
-}
-
 void Diagnosis::judgeFifo( const NamedFifo& fifo )
 {
     const bool isComplete = myInventory.myProcesses.nbrOfUnreadable() == 0;
@@ -356,7 +341,7 @@ void Diagnosis::judgeFifo( const NamedFifo& fifo )
     for ( const char* prefixPtr : { toServerPrefix, fromServerPrefix } ) {
         if ( !beginsWith( fifo.myName, prefixPtr ) )
             continue;
-        isUsed = hasServer( fifo.myName.substr( std::strlen( prefixPtr ) ) );
+        isUsed = myInventory.hasPipeServer( fifo.myName.substr( std::strlen( prefixPtr ) ) );
         text = "belongs to a server that has ended; no other can take its name";
     }
     if ( isUsed )

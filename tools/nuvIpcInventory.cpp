@@ -99,13 +99,6 @@ void addFile( const IpcFile& file, mode_t mode, const std::vector< SemaphoreSet 
     }
 }
 
-/// The set that users of a segment hold while they attach and detach; -1 if there is none.
-int guardSetId( const Inventory& inventory, const NamedSegment& segment )
-{
-    const NamedSemaphore* const guardPtr = inventory.findSemaphore( "shm_" + segment.myName );
-    return guardPtr != nullptr && guardPtr->mySet ? guardPtr->mySet->myId : -1;
-}
-
 void readContents( Inventory* inventoryPtr )
 {
     constexpr std::size_t nbrOfRecordBytes = sizeof( Mt::SubsystemInfo::ThreadDetailsArray );
@@ -121,7 +114,7 @@ void readContents( Inventory* inventoryPtr )
         } else if ( beginsWith( segment.myName, "IpFifo_" ) && segment.nbrOfAttached() == 0 ) {
             const std::size_t size = static_cast< std::size_t >( segment.mySegment->mySize );
             const std::string bytes =
-                copySegment( *segment.mySegment, size, guardSetId( *inventoryPtr, segment ) );
+                copySegment( *segment.mySegment, size, inventoryPtr->guardSetId( segment ) );
             bool isSound = RingHeader::parse( bytes ).isSound( size );
             if ( isSound )
                 segment.myNbrOfUnread =
@@ -157,13 +150,6 @@ void addStrays( const std::vector< SemaphoreSet >& sets, const std::vector< Segm
              hasFormOfOurs( segment ) )
             inventoryPtr->myStraySegments.push_back( segment );
     }
-}
-
-/// The text of a field that its writer always terminates; a field that is not is cut at its end.
-template < std::size_t n >
-std::string fieldText( const char ( &field )[n] )
-{
-    return std::string( field, ::strnlen( field, n ) );
 }
 
 } // namespace
@@ -225,6 +211,20 @@ const NamedFifo* Inventory::findFifo( const std::string& name ) const
         return flatName( fifo.myName ) == flatName( name );
     } );
     return iter != myFifos.end() ? &*iter : nullptr;
+}
+
+int Inventory::guardSetId( const NamedSegment& segment ) const
+{
+    const NamedSemaphore* const guardPtr = findSemaphore( "shm_" + segment.myName );
+    return guardPtr != nullptr && guardPtr->mySet ? guardPtr->mySet->myId : -1;
+}
+
+bool Inventory::hasPipeServer( const std::string& pipeName ) const
+{
+    const NamedFifo* const fifoPtr = findFifo( toServerPrefix + pipeName );
+    return fifoPtr != nullptr &&
+           std::any_of( fifoPtr->myUsers.begin(), fifoPtr->myUsers.end(),
+                        []( const auto& user ) { return user.second.myNbrOfReaders > 0; } );
 }
 
 std::string flatName( std::string name )

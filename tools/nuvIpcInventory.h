@@ -4,6 +4,7 @@
 #include "nuvIpcProcess.h"
 
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -93,12 +94,28 @@ struct Inventory
     const NamedSegment* findSegment( const std::string& name ) const;
     /// @param name with '-' for '/' or not: the name of an event's semaphore leads to its FIFO
     const NamedFifo* findFifo( const std::string& name ) const;
+    /// The set that users of a segment hold while they attach and detach; -1 if there is none.
+    int guardSetId( const NamedSegment& segment ) const;
+    /// A pipe's server keeps a descriptor of the FIFO to it, connected or not; no client reads that
+    /// one.
+    bool hasPipeServer( const std::string& pipeName ) const;
     /// @return the name of the named semaphore with that set, "" if there is none
     std::string nameOfSet( int setId ) const;
 };
 
+/// The FIFOs of a pipe begin so, by direction.
+inline constexpr const char* toServerPrefix = "pipe_toSrvr_";
+inline constexpr const char* fromServerPrefix = "pipe_fmSrvr_";
+
 /// The name with '-' for every '/', as key files have it.
 std::string flatName( std::string name );
+
+/// The text of a field that its writer always terminates; a field that is not is cut at its end.
+template < std::size_t n >
+std::string fieldText( const char ( &field )[n] )
+{
+    return std::string( field, ::strnlen( field, n ) );
+}
 
 /// The part of a ring that does not need its entries: four words, as they lie in the segment.
 struct RingHeader

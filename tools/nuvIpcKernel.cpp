@@ -186,16 +186,41 @@ bool postIfZero( int setId )
     return semOperate( setId, operations, 2 );
 }
 
+SegmentView::SegmentView( const Segment& segment, int guardSetId )
+    : myGuard( guardSetId, 20 )
+    , myPtr( static_cast< const char* >( ::shmat( segment.myId, nullptr, SHM_RDONLY ) ) )
+{
+    if ( myPtr == reinterpret_cast< const char* >( -1 ) )
+        myPtr = nullptr;
+}
+
+SegmentView::~SegmentView()
+{
+    if ( myPtr != nullptr )
+        ::shmdt( myPtr );
+}
+
 std::string copySegment( const Segment& segment, std::size_t nbrOfBytes, int guardSetId )
 {
     if ( segment.mySize < nbrOfBytes )
         return {};
-    const UndoLock guard( guardSetId, 20 );
-    void* const addressPtr = ::shmat( segment.myId, nullptr, SHM_RDONLY );
-    if ( addressPtr == reinterpret_cast< void* >( -1 ) )
-        return {};
-    std::string bytes( static_cast< const char* >( addressPtr ), nbrOfBytes );
-    ::shmdt( addressPtr );
+    const SegmentView view( segment, guardSetId );
+    return view.ptr() != nullptr ? std::string( view.ptr(), nbrOfBytes ) : std::string();
+}
+
+std::string copySettled( const Segment& segment, std::size_t nbrOfBytes, int guardSetId,
+                         bool* settledPtr )
+{
+    constexpr int maxNbrOfAttempts = 500;
+    std::string bytes = copySegment( segment, nbrOfBytes, guardSetId );
+    *settledPtr = false;
+    for ( int i = 0; i < maxNbrOfAttempts && !*settledPtr; ++i ) {
+        std::string again = copySegment( segment, nbrOfBytes, guardSetId );
+        *settledPtr = again == bytes;
+        bytes = std::move( again );
+        if ( !*settledPtr )
+            ::usleep( 1000 );
+    }
     return bytes;
 }
 

@@ -86,11 +86,34 @@ private:
 /// Adds 1 to the set's semaphore 0 if it is 0 at that moment, as one step.
 bool postIfZero( int setId );
 
+/// A segment attached read-only for a scope, which is to be short.
+class SegmentView
+{
+public:
+    /// @param guardSetId as for copySegment()
+    SegmentView( const Segment& segment, int guardSetId );
+    SegmentView( const SegmentView& ) = delete;
+    SegmentView& operator=( const SegmentView& ) = delete;
+    ~SegmentView();
+
+    /// Null where it cannot be attached.
+    const char* ptr() const { return myPtr; }
+
+private:
+    const UndoLock myGuard;
+    const char* myPtr;
+};
+
 /// @return the first nbrOfBytes of the segment, attached read-only for as long as the copy takes;
 /// empty where it cannot be attached or is smaller
 /// @param guardSetId the set that the segment's users hold while they attach and detach (so that
 /// none of them takes this short visit for another user), negative for none
 std::string copySegment( const Segment& segment, std::size_t nbrOfBytes, int guardSetId );
+
+/// Copies again and again, for half a second at most, until two copies in a row are the same: then
+/// nobody was changing the bytes. @return the last copy; *settledPtr tells whether it is so
+std::string copySettled( const Segment& segment, std::size_t nbrOfBytes, int guardSetId,
+                         bool* settledPtr );
 
 /// Reads a whole file of /proc (or any other); false, with an empty text, if it cannot be opened.
 bool readWholeFile( const std::string& path, std::string* textPtr );

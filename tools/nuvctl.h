@@ -5,16 +5,19 @@
 #include <nlohmann/json.hpp>
 
 #include <functional>
+#include <initializer_list>
+#include <optional>
 #include <string>
 #include <vector>
 
 /// The parts of nuvctl: one function for each command, run after the command line has been read.
 ///
 /// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
-/// check) or compute (encode, decode, crc) run without the process frame: they create no directory,
-/// no log and no interprocess object, count as nobody's user and wait for no lock, so that they
-/// work while everything else hangs. "zones set" and "log emit" act through the library, inside the
-/// frame, after refuseIfLocked() has seen that nothing they need is taken for good.
+/// check, health, global, decode) or compute (encode, decode, crc) run without the process frame:
+/// they create no directory, no log and no interprocess object, count as nobody's user and wait for
+/// no lock, so that they work while everything else hangs. "zones set", "global set", "log emit",
+/// send and serve act through the library, inside the frame, after refuseIfLocked() has seen that
+/// nothing they need is taken for good.
 namespace Nuv::Ctl {
 
 /// The tool's exit statuses.
@@ -81,9 +84,9 @@ struct Installation
     std::vector< Entry > myEntries;
 };
 
-/// Refuses (complains and returns false) when the master semaphore or the lock of the shared zone
-/// table stays taken for two seconds: what follows would wait for ever.
-bool refuseIfLocked();
+/// Refuses (complains and returns false) when the master semaphore, the lock of the shared zone
+/// table or one of those named stays taken for two seconds: what follows would wait for ever.
+bool refuseIfLocked( std::initializer_list< const char* > alsoNeeded = {} );
 
 /// Runs the command as Nuv::main() of a library process: as task "main", while this thread
 /// dispatches signals. To be called once.
@@ -137,14 +140,59 @@ int repairIpc( const CommonOptions& common, bool yes );
 
 int checkConfiguration( const CommonOptions& common, const std::string& file );
 
+struct HealthOptions
+{
+    bool myWatch = false;
+    bool myPrometheus = false; ///< as metrics
+    unsigned int myIntervalMs = 1000;
+};
+int showHealth( const CommonOptions& common, const HealthOptions& options );
+
+int showGlobal( const CommonOptions& common );
+
+struct GlobalSetOptions
+{
+    std::optional< std::string > myTimeZone;
+    std::optional< int > myOffsetSeconds;
+    std::optional< std::string > myProxy; ///< "ADDRESS:PORT"
+    std::optional< bool > myProxyEnabled;
+    std::optional< bool > myDnsEnabled;
+    std::optional< unsigned int > myFtpTimeout; ///< seconds
+};
+int setGlobal( const CommonOptions& common, const GlobalSetOptions& options );
+
+struct SendOptions
+{
+    std::string myPipe;
+    std::string myMessage;          ///< "-": standard input
+    unsigned int myTimeoutSec = 30; ///< for the connection, and again for the answer
+};
+int send( const CommonOptions& common, const SendOptions& options );
+
+struct ServeOptions
+{
+    std::string myPipe;
+    std::string myProgram;
+    std::vector< std::string > myArguments;
+    unsigned int myTimeoutSec = 30; ///< for the program
+};
+int serve( const CommonOptions& common, const ServeOptions& options );
+
 struct CodecOptions
 {
-    std::string myFormat; ///< base64, bencode or archive
+    std::string myFormat; ///< base64, bencode or archive; for decode also a record's file
     std::string myFile;   ///< empty or "-": standard input
     std::string myFields; ///< of an archive to decode: the types of its values
+
+    // Of a shared record to decode.
+    std::string mySegment; ///< empty: the file that myFormat names
+    std::string mySaveAs;
+    bool myAll = false; ///< also what is not in use
 };
 int encode( const CommonOptions& common, const CodecOptions& options );
 int decode( const CommonOptions& common, const CodecOptions& options );
+/// The fields of a shared record, from a file or a segment.
+int decodeRecord( const CommonOptions& common, const CodecOptions& options );
 
 struct CrcOptions
 {

@@ -38,6 +38,10 @@ CheckedFile check( const std::string& path, const std::string& root )
         checkMasterConfiguration( config, &file.myMistakes );
     else if ( pathname.nameStr() == "log.conf" )
         checkLogConfiguration( config, root, &file.myMistakes );
+    else if ( pathname.nameStr() == "mainApp.conf" )
+        checkMainAppConfiguration( config, &file.myMistakes );
+    else if ( pathname.nameStr() == "boot.info" && file.myIsThere )
+        checkBootInfo( config, &file.myMistakes );
     return file;
 }
 
@@ -46,8 +50,12 @@ std::vector< std::string > filesOfInstallation( const std::string& root )
     const std::string masterName = Utils::Config::masterConfFileNameCStr;
     const Pathname etc( Io::FileSystem::pathnameOfSystemEtc() );
     const Pathname home( Io::FileSystem::pathnameOfUserHome() );
-    return { Pathname( etc, masterName ).str(), Pathname( home, masterName ).str(),
-             Pathname( Pathname( Utils::String( root ) ), "etc/log.conf" ).str() };
+    std::vector< std::string > files = { Pathname( etc, masterName ).str(),
+                                         Pathname( home, masterName ).str() };
+    const Pathname rootPathname{ Utils::String( root ) };
+    for ( const char* namePtr : { "etc/log.conf", "etc/mainApp.conf", "etc/boot.info" } )
+        files.push_back( Pathname( rootPathname, namePtr ).str() );
+    return files;
 }
 
 void print( const CheckedFile& file )

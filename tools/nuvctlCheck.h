@@ -27,4 +27,10 @@ void checkMasterConfiguration( const Utils::Config& config, std::vector< Mistake
 void checkLogConfiguration( const Utils::Config& config, const std::string& root,
                             std::vector< Mistake >* mistakesPtr );
 
+/// Of mainApp.conf what the pipes read; the rest is the main application's.
+void checkMainAppConfiguration( const Utils::Config& config, std::vector< Mistake >* mistakesPtr );
+
+/// Of boot.info what every process reads: the model and its capabilities.
+void checkBootInfo( const Utils::Config& config, std::vector< Mistake >* mistakesPtr );
+
 } // namespace Nuv::Ctl

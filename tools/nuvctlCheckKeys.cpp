@@ -53,6 +53,9 @@ public:
 
     void keys( KnownKeys known ) const;
     void sections( KnownKeys known ) const;
+    /// A section that differs from the known one in upper and lower case alone; others may be
+    /// another reader's.
+    void similarSections( const char* knownPtr ) const;
     /// The key, if it is there, has one of the words.
     void word( const char* keyPtr, KnownKeys words, const char* consequencePtr,
                bool anyCase ) const;
@@ -104,6 +107,15 @@ void Section::sections( KnownKeys known ) const
         if ( std::none_of( known.begin(), known.end(), isName ) )
             myMistakesPtr->push_back(
                 { 0, childPtr->path(), "", "section " + unknown( name, known ) } );
+    }
+}
+
+void Section::similarSections( const char* knownPtr ) const
+{
+    for ( const auto& [name, childPtr] : myNode.children() ) {
+        if ( name != knownPtr && lowerCase( name ) == lowerCase( knownPtr ) )
+            myMistakesPtr->push_back(
+                { 0, childPtr->path(), "", "section " + unknown( name, { knownPtr } ) } );
     }
 }
 
@@ -360,6 +372,45 @@ void checkLogConfiguration( const Config& config, const std::string& root,
                             std::vector< Mistake >* mistakesPtr )
 {
     LogCheck( config, root, mistakesPtr ).run();
+}
+
+void checkMainAppConfiguration( const Config& config, std::vector< Mistake >* mistakesPtr )
+{
+    constexpr const char* name = "ControlTransaction";
+    constexpr const char* key = "maxWaitTimeForPipeRead";
+    Section( config.root(), mistakesPtr ).similarSections( name );
+    const Node* const nodePtr = config.findKey( name );
+    if ( nodePtr == nullptr )
+        return;
+    const Section section( *nodePtr, mistakesPtr );
+    section.keys( { key } );
+    section.number( key, 1, 86400 );
+}
+
+void checkBootInfo( const Config& config, std::vector< Mistake >* mistakesPtr )
+{
+    const Section root( config.root(), mistakesPtr );
+    root.similarSections( "Platform" );
+    const std::string model = config.stringValue( "Platform", "model", "" );
+    if ( model.empty() ) {
+        mistakesPtr->push_back(
+            { 0, "Platform", "model", "names no model, so that there are no capabilities" } );
+        return;
+    }
+    const Node* const nodePtr = config.findKey( model + "/Capabilities" );
+    if ( nodePtr == nullptr ) {
+        root.similarSections( model.c_str() );
+        mistakesPtr->push_back( { 0, model + "/Capabilities", "",
+                                  "there is no such section, so that the model has no "
+                                  "capabilities" } );
+        return;
+    }
+    const Section section( *nodePtr, mistakesPtr );
+    for ( const auto& [key, value] : nodePtr->values() ) {
+        if ( nodePtr->boolValue( key, false ) != nodePtr->boolValue( key, true ) )
+            section.add( key, inQuotes( value.text ) +
+                                  " is neither true nor false: the capability is absent" );
+    }
 }
 
 } // namespace Nuv::Ctl

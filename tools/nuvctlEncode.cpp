@@ -94,12 +94,16 @@ bool isText( std::string_view bytes )
     }
 }
 
+} // namespace
+
 Json bytesJson( std::string_view bytes )
 {
     if ( isText( bytes ) )
         return bytes;
     return { { base64Member, toBase64( bytes, false ) } };
 }
+
+namespace {
 
 Json itemJson( const BEncoder::Item& item )
 {
@@ -266,13 +270,21 @@ int encode( const CommonOptions& common, const CodecOptions& options )
 
 int decode( const CommonOptions& common, const CodecOptions& options )
 {
+    const std::string& format = options.myFormat;
+    if ( format.empty() == options.mySegment.empty() )
+        return complain( "decode: give a format, a file or --segment" ), wrongUsage;
+    if ( format != "base64" && format != "bencode" && format != "archive" )
+        return options.myFile.empty() ? decodeRecord( common, options )
+                                      : ( complain( "decode: there is no format \"" + format +
+                                                    "\"; there are base64, bencode, archive" ),
+                                          wrongUsage );
     std::string bytes;
     if ( !readInput( options.myFile, &bytes ) )
         return problem;
-    if ( options.myFormat == "base64" )
+    if ( format == "base64" )
         return decodeBase64( common, bytes );
-    return options.myFormat == "bencode" ? decodeBencode( common, bytes )
-                                         : decodeArchive( common, bytes, options.myFields );
+    return format == "bencode" ? decodeBencode( common, bytes )
+                               : decodeArchive( common, bytes, options.myFields );
 }
 
 int showCrc( const CommonOptions& common, const CrcOptions& options )

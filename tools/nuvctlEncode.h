@@ -15,6 +15,9 @@ bool readInput( const std::string& file, std::string* bytesPtr );
 /// Bytes as they are, to standard output.
 int writeOutput( std::string_view bytes );
 
+/// The bytes as a text, or, if they are none, in the form {"$base64": "..."}.
+Json bytesJson( std::string_view bytes );
+
 /// Lines "TYPE VALUE" to an archive, which goes to standard output.
 int encodeArchive( const std::string& lines );
 

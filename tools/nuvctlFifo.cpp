@@ -76,9 +76,7 @@ int showFifo( const CommonOptions& common, const std::string& name )
     const Tools::NamedSegment* const segmentPtr = inventory.findSegment( segmentName );
     if ( segmentPtr == nullptr || !segmentPtr->mySegment )
         return complain( "no FIFO \"" + name + "\" in " + inventory.myDirectory );
-    const Tools::NamedSemaphore* const guardPtr = inventory.findSemaphore( "shm_" + segmentName );
-    const int guardSetId = guardPtr != nullptr && guardPtr->mySet ? guardPtr->mySet->myId : -1;
-    const RingCopy copy = copyRing( *segmentPtr->mySegment, guardSetId );
+    const RingCopy copy = copyRing( *segmentPtr->mySegment, inventory.guardSetId( *segmentPtr ) );
     if ( copy.myBytes.empty() )
         return complain( "the FIFO's segment cannot be read by this user" );
     const std::vector< int > pids = inventory.myProcesses.attachedTo( segmentPtr->mySegment->myId );

@@ -3,6 +3,7 @@
 #include "nuvConfig.h"
 #include "nuvPathname.h"
 
+#include <algorithm>
 #include <climits>
 #include <iostream>
 #include <unistd.h>
@@ -111,8 +112,13 @@ bool isNeededForLogging( const std::string& semaphoreName )
 }
 
 /// @return what is taken at this moment, with its holder; "" if nothing is
-std::string takenLock( const Tools::Inventory& inventory )
+std::string takenLock( const Tools::Inventory& inventory,
+                       std::initializer_list< const char* > alsoNeeded )
 {
+    const auto isNeeded = [&]( const std::string& name ) {
+        return isNeededForLogging( name ) ||
+               std::find( alsoNeeded.begin(), alsoNeeded.end(), name ) != alsoNeeded.end();
+    };
     const auto text = [&]( const std::string& name, const Tools::SemaphoreState& state ) {
         return name + " is taken by process " + inventory.myProcesses.describe( state.myLastPid );
     };
@@ -120,8 +126,7 @@ std::string takenLock( const Tools::Inventory& inventory )
          inventory.myMaster->mySemaphores[0].myValue == 0 )
         return text( "the master semaphore", inventory.myMaster->mySemaphores[0] );
     for ( const Tools::NamedSemaphore& semaphore : inventory.mySemaphores ) {
-        if ( isNeededForLogging( semaphore.myName ) && semaphore.isReadable() &&
-             semaphore.value() == 0 )
+        if ( isNeeded( semaphore.myName ) && semaphore.isReadable() && semaphore.value() == 0 )
             return text( "semaphore " + semaphore.myName, semaphore.mySet->mySemaphores[0] );
     }
     return {};
@@ -129,12 +134,13 @@ std::string takenLock( const Tools::Inventory& inventory )
 
 } // namespace
 
-bool refuseIfLocked()
+bool refuseIfLocked( std::initializer_list< const char* > alsoNeeded )
 {
     constexpr int nbrOfLooks = 20;
     std::string taken;
     for ( int i = 0; i < nbrOfLooks; ++i ) {
-        taken = takenLock( Tools::Inventory::read( Installation::find().myIpcDirectory ) );
+        taken =
+            takenLock( Tools::Inventory::read( Installation::find().myIpcDirectory ), alsoNeeded );
         if ( taken.empty() )
             return true;
         ::usleep( 100000 );

@@ -27,6 +27,10 @@ struct CommandLine
     ThreadsOptions myThreads;
     std::string myFifo;
     std::string myCheckedFile;
+    HealthOptions myHealth;
+    GlobalSetOptions myGlobalSet;
+    SendOptions mySend;
+    ServeOptions myServe;
     CodecOptions myCodec;
     CrcOptions myCrc;
     bool myYes = false;
@@ -128,6 +132,74 @@ void addIpc( CLI::App* appPtr, CommandLine* linePtr )
     repairPtr->add_flag( "-y,--yes", linePtr->myYes, "Do not ask" );
 }
 
+void addWatch( CLI::App* commandPtr, bool* watchPtr, unsigned int* intervalMsPtr )
+{
+    commandPtr->add_flag( "--watch", *watchPtr, "Again and again, until interrupted" );
+    commandPtr->add_option( "--interval-ms", *intervalMsPtr, "With --watch: pause" )
+        ->check( CLI::Range( 50u, 3600000u ) );
+}
+
+void addPipes( CLI::App* appPtr, CommandLine* linePtr )
+{
+    constexpr unsigned int maxSeconds = 4000000;
+    SendOptions* const sendPtr = &linePtr->mySend;
+    CLI::App* const sendAppPtr =
+        addCommand( appPtr, "send", "Send a message to a daemon's server pipe, print its answer",
+                    linePtr, [=] { return send( linePtr->myCommon, *sendPtr ); } );
+    sendAppPtr->add_option( "pipe", sendPtr->myPipe, "The pipe's name" )->required();
+    sendAppPtr->add_option( "message", sendPtr->myMessage, "The message; \"-\" for standard input" )
+        ->required();
+    sendAppPtr
+        ->add_option( "--timeout", sendPtr->myTimeoutSec,
+                      "Seconds to wait for the server to be free, and again for its answer" )
+        ->check( CLI::Range( 1u, maxSeconds ) );
+    ServeOptions* const servePtr = &linePtr->myServe;
+    CLI::App* const serveAppPtr = addCommand(
+        appPtr, "serve",
+        "Be the server of a pipe: answer the message of each client with the output of a program, "
+        "which gets it as standard input; until interrupted",
+        linePtr, [=] { return serve( linePtr->myCommon, *servePtr ); } );
+    serveAppPtr->add_option( "pipe", servePtr->myPipe, "The pipe's name" )->required();
+    serveAppPtr->add_option( "--exec", servePtr->myProgram, "Pathname of the program" )->required();
+    serveAppPtr->add_option( "arguments", servePtr->myArguments, "Its arguments, behind \"--\"" );
+    serveAppPtr
+        ->add_option( "--timeout", servePtr->myTimeoutSec, "Seconds that the program may take" )
+        ->check( CLI::Range( 1u, maxSeconds ) );
+}
+
+void addShared( CLI::App* appPtr, CommandLine* linePtr )
+{
+    HealthOptions* const healthPtr = &linePtr->myHealth;
+    CLI::App* const healthAppPtr = addCommand(
+        appPtr, "health", "Show the health that the main application and the sensor committed",
+        linePtr, [=] { return showHealth( linePtr->myCommon, *healthPtr ); } );
+    addWatch( healthAppPtr, &healthPtr->myWatch, &healthPtr->myIntervalMs );
+    healthAppPtr->add_flag( "--prometheus", healthPtr->myPrometheus,
+                            "As metrics, for a monitoring system" );
+    CLI::App* const globalPtr = addCommand(
+        appPtr, "global", "Show the settings that all processes share, and the platform's model",
+        linePtr, [=] { return showGlobal( linePtr->myCommon ); } );
+    GlobalSetOptions* const setPtr = &linePtr->myGlobalSet;
+    CLI::App* const setAppPtr =
+        addCommand( globalPtr, "set", "Change settings, for all processes at once", linePtr,
+                    [=] { return setGlobal( linePtr->myCommon, *setPtr ); } );
+    const auto addSwitch = [=]( const char* namePtr, std::optional< bool >* valuePtr,
+                                const char* helpPtr ) {
+        setAppPtr
+            ->add_option_function< std::string >(
+                namePtr, [=]( const std::string& word ) { *valuePtr = word == "on"; }, helpPtr )
+            ->check( CLI::IsMember( { "on", "off" } ) );
+    };
+    setAppPtr->add_option( "--time-zone", setPtr->myTimeZone, "Name of the time zone" );
+    setAppPtr
+        ->add_option( "--offset", setPtr->myOffsetSeconds, "Seconds of local time east of UTC" )
+        ->check( CLI::Range( -86400, 86400 ) );
+    setAppPtr->add_option( "--proxy", setPtr->myProxy, "The HTTP proxy's ADDRESS:PORT" );
+    addSwitch( "--proxy-enabled", &setPtr->myProxyEnabled, "Use the HTTP proxy: on or off" );
+    addSwitch( "--dns", &setPtr->myDnsEnabled, "Use the name service: on or off" );
+    setAppPtr->add_option( "--ftp-timeout", setPtr->myFtpTimeout, "Seconds" );
+}
+
 void addCodecs( CLI::App* appPtr, CommandLine* linePtr )
 {
     const auto addFile = []( CLI::App* commandPtr, std::string* filePtr ) {
@@ -144,10 +216,21 @@ void addCodecs( CLI::App* appPtr, CommandLine* linePtr )
         appPtr, "encode",
         "Encode bytes as Base64, JSON as b-encoding, lines \"TYPE VALUE\" as an archive", linePtr,
         [=] { return encode( linePtr->myCommon, linePtr->myCodec ); } ) );
-    CLI::App* const decodePtr =
-        addCommand( appPtr, "decode", "Show what Base64, b-encoding or an archive holds", linePtr,
-                    [=] { return decode( linePtr->myCommon, linePtr->myCodec ); } );
-    addFormat( decodePtr );
+    CLI::App* const decodePtr = addCommand(
+        appPtr, "decode",
+        "Show what Base64, b-encoding or an archive holds, or name the fields of a shared record "
+        "(global-data, LogConfigManager, thread records, a ring) in a segment or a copy of one",
+        linePtr, [=] { return decode( linePtr->myCommon, linePtr->myCodec ); } );
+    decodePtr->add_option( "format", linePtr->myCodec.myFormat,
+                           "base64, bencode or archive; or the file that holds a record (one that "
+                           "is called as a format needs \"./\")" );
+    addFile( decodePtr, &linePtr->myCodec.myFile );
+    decodePtr->add_option( "--segment", linePtr->myCodec.mySegment,
+                           "The segment, as \"ipc list\" names it" );
+    decodePtr->add_option( "--save", linePtr->myCodec.mySaveAs,
+                           "Of a record: copy its bytes there" );
+    decodePtr->add_flag( "--all", linePtr->myCodec.myAll,
+                         "Of a record: also the zones, threads and sensors that are not in use" );
     decodePtr->add_option(
         "--fields", linePtr->myCodec.myFields,
         "Types of an archive's values in their order, separated by commas, again and "
@@ -181,17 +264,14 @@ void addOthers( CLI::App* appPtr, CommandLine* linePtr )
         [=] { return showThreads( linePtr->myCommon, linePtr->myThreads ); } );
     threadsPtr->add_option( "process", linePtr->myThreads.myProcess,
                             "Only this process (name or id)" );
-    threadsPtr->add_flag( "--watch", linePtr->myThreads.myWatch,
-                          "Again and again, until interrupted" );
-    threadsPtr
-        ->add_option( "--interval-ms", linePtr->myThreads.myIntervalMs, "With --watch: pause" )
-        ->check( CLI::Range( 50u, 3600000u ) );
+    addWatch( threadsPtr, &linePtr->myThreads.myWatch, &linePtr->myThreads.myIntervalMs );
     addIpc( appPtr, linePtr );
     CLI::App* const checkPtr = addCommand(
-        appPtr, "check", "Find mistakes in nuvs.conf and log.conf that the reader forgives",
+        appPtr, "check",
+        "Find mistakes in nuvs.conf, log.conf, mainApp.conf and boot.info that the reader forgives",
         linePtr, [=] { return checkConfiguration( linePtr->myCommon, linePtr->myCheckedFile ); } );
     checkPtr->add_option( "file", linePtr->myCheckedFile,
-                          "The file; without it both files of this installation" );
+                          "The file; without it all files of this installation" );
 }
 
 /// "log ZONE SEVERITY TEXT" is read as "log emit ZONE SEVERITY TEXT".
@@ -254,6 +334,8 @@ int main( int argc, char** argv )
     app.require_subcommand( 1 );
     app.add_flag( "--json", line.myCommon.myJson, "Print JSON, for scripts" );
     addOthers( &app, &line );
+    addPipes( &app, &line );
+    addShared( &app, &line );
     addCodecs( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
     if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&

@@ -117,10 +117,8 @@ std::optional< ZoneTable > ZoneTable::read()
     const Tools::NamedSegment* const segmentPtr = inventory.findSegment( "LogConfigManager" );
     if ( segmentPtr == nullptr || !segmentPtr->mySegment )
         return std::nullopt;
-    const Tools::NamedSemaphore* const guardPtr = inventory.findSemaphore( "shm_LogConfigManager" );
-    return parse(
-        Tools::copySegment( *segmentPtr->mySegment, sizeof( Log::ConfigManager::Data ),
-                            guardPtr != nullptr && guardPtr->mySet ? guardPtr->mySet->myId : -1 ) );
+    return parse( Tools::copySegment( *segmentPtr->mySegment, sizeof( Log::ConfigManager::Data ),
+                                      inventory.guardSetId( *segmentPtr ) ) );
 }
 
 int listZones( const CommonOptions& common )
