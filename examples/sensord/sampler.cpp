@@ -11,8 +11,6 @@
 
 namespace Sensor {
 
-namespace {
-
 using namespace Nuv;
 
 bool readFile( const char* pathPtr, std::string* textPtr )
@@ -24,8 +22,6 @@ bool readFile( const char* pathPtr, std::string* textPtr )
     *textPtr = text.str();
     return true;
 }
-
-} // namespace
 
 void Settings::load()
 {

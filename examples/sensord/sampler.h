@@ -10,6 +10,9 @@
 
 namespace Sensor {
 
+/// @return false, with *textPtr unchanged, if the file cannot be read
+bool readFile( const char* pathPtr, std::string* textPtr );
+
 /// What an operator may set in "etc/sensord.conf"; read at the start and on SIGHUP.
 ///
 /// | section | key            | default | meaning                                            |

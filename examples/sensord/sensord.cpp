@@ -4,10 +4,18 @@
 //     SIGTERM, SIGINT   ends
 //     SIGHUP            reads etc/sensord.conf again
 //     SIGUSR1           every sampler reports at warning
+//
+// With --control it is the appliance's sensor: it answers control messages through the server pipe
+// "sensord", commits the sensor's health record, and feeds a helper program.
 
+#include "control.h"
+#include "health.h"
+#include "helper.h"
 #include "sensors.h"
 
+#include <nuvGlobal.h>
 #include <nuvMainThread.h>
+#include <nuvPathname.h>
 #include <nuvSignalHandler.h>
 #include <nuvSubsystemInfo.h>
 
@@ -15,6 +23,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <memory>
 
 namespace {
 
@@ -23,6 +32,7 @@ using namespace Nuv;
 /// From the command line.
 unsigned int ourIntervalMs = 0; // 0: as configured
 bool ourIsCrashing = false;
+bool ourHasControl = false;
 
 /// Turns signals into events that the main task waits for.
 class Signals : public Utils::Observer< Mt::SignalHandler >
@@ -49,16 +59,17 @@ public:
 
     enum Request
     {
+        none = -1,
         stop,
         reload,
         report
     };
 
-    Request wait()
+    /// @return none when the time is over
+    Request wait( unsigned int timeoutMs )
     {
         const std::vector< Mt::Event* > events = { &myStop, &myReload, &myReport };
-        return static_cast< Request >(
-            Mt::MultiEvent::waitOnEvents( events, Mt::Event::infinite ) );
+        return static_cast< Request >( Mt::MultiEvent::waitOnEvents( events, timeoutMs ) );
     }
 
 private:
@@ -74,6 +85,110 @@ void loadSettings( Sensor::Settings* settingsPtr )
         settingsPtr->myIntervalMs = ourIntervalMs;
 }
 
+std::string platformText()
+{
+    const Utils::Global& global = *Utils::Global::singletonPtr();
+    std::string text = "model " + ( global.model().empty() ? "unknown" : global.model() );
+    for ( const std::string& name : global.capabilities() )
+        text += " " + name;
+    return text + "\n";
+}
+
+/// What an instance with --control does besides.
+class Station
+{
+public:
+    Station( const Sensor::Settings& settings, std::function< void() > report );
+
+    /// Feeds the helper and commits the health record.
+    void update();
+    /// The last commit.
+    void end() { commit( HealthAndSecurity::stateStopped, "stopped" ); }
+
+private:
+    Sensor::Health::Activity activity() const;
+    void commit( HealthAndSecurity::ExtendedExecutionStates state, const char* textPtr )
+    {
+        myHealth.commit( state, activity(), textPtr );
+    }
+    std::string status() const;
+
+    const Sensor::Settings& mySettings;
+    Sensor::Health myHealth;
+    Sensor::Helper myHelper;
+    Sensor::Control myControl; // the last: its thread uses the others
+};
+
+Station::Station( const Sensor::Settings& settings, std::function< void() > report )
+    : mySettings( settings )
+    , myHelper( Io::Pathname(
+                    Io::Pathname( Io::Pathname( Io::Pathname::executablePathname ).parentStr() ),
+                    "sensordHelper" )
+                    .str() )
+{
+    Io::CtConfig::singletonPtr();
+    commit( HealthAndSecurity::stateStarting, "starting" );
+    myControl.add( "status", [this] { return status(); } );
+    myControl.add( "model", platformText );
+    myControl.add( "counters", [this] { return myHealth.counters(); } );
+    myControl.add( "averages", [this] { return myHelper.averages(); } );
+    myControl.add( "kill-helper", [this] {
+        return myHelper.kill() ? "the helper is killed; it will be started anew\n"
+                               : "the helper does not run\n";
+    } );
+    myControl.add( "report", [report = std::move( report )] {
+        report();
+        return "the samplers report to the log\n";
+    } );
+    myControl.start();
+}
+
+Sensor::Health::Activity Station::activity() const
+{
+    return { mySettings.myIntervalMs, myControl.nbrOfMessages(), myHelper.nbrOfRestarts(),
+             myHelper.pid() };
+}
+
+void Station::update()
+{
+    myHelper.feed( myHealth.counters() );
+    const bool isWell = myHelper.pid() != 0;
+    commit( isWell ? HealthAndSecurity::stateRunning : HealthAndSecurity::stateDegraded,
+            isWell ? "sampling" : "without its helper" );
+}
+
+std::string Station::status() const
+{
+    const Sensor::Health::Activity now = activity();
+    return "running, a commit every " + std::to_string( now.myIntervalMs ) + " ms, " +
+           std::to_string( now.myNbrOfMessages ) + " messages, helper " +
+           ( now.myHelperPid != 0 ? std::to_string( now.myHelperPid ) : "down" ) + ", " +
+           std::to_string( now.myNbrOfRestarts ) + " restarts\n" + platformText();
+}
+
+/// Does what signals ask for, until they ask for the end.
+void obey( Signals* signalsPtr, Sensor::Settings* settingsPtr, Station* stationPtr,
+           const std::function< void() >& report )
+{
+    const Log::Source source( Log::warning, "sensor" );
+    for ( ;; ) {
+        if ( stationPtr != nullptr )
+            stationPtr->update();
+        const unsigned int timeoutMs =
+            stationPtr != nullptr ? settingsPtr->myIntervalMs.load() : Mt::Event::infinite;
+        const Signals::Request request = signalsPtr->wait( timeoutMs );
+        if ( request == Signals::stop )
+            return;
+        if ( request == Signals::report )
+            report();
+        if ( request == Signals::reload ) {
+            loadSettings( settingsPtr );
+            nuvLogTo( source ) << "settings read again, a sample every "
+                               << settingsPtr->myIntervalMs << " ms";
+        }
+    }
+}
+
 } // namespace
 
 int Nuv::main( int, char** )
@@ -87,6 +202,19 @@ int Nuv::main( int, char** )
     Sensor::LoadSampler load( settings );
     Sensor::IrqSampler irq( settings );
     Sensor::Sampler* const samplers[] = { &net, &mem, &load, &irq };
+    const auto report = [&samplers] {
+        for ( Sensor::Sampler* samplerPtr : samplers )
+            samplerPtr->requestReport();
+    };
+    std::unique_ptr< Station > stationPtr;
+    try {
+        if ( ourHasControl )
+            stationPtr = std::make_unique< Station >( settings, report );
+    } catch ( const Io::ServerPipe::Exception& exception ) {
+        std::cerr << "sensord: " << exception.what() << " (nuvctl ipc doctor tells whose it is)"
+                  << std::endl;
+        return 1;
+    }
 
     nuvLogTo( source ) << "sensord starts, a sample every " << settings.myIntervalMs << " ms";
     if ( ourIsCrashing )
@@ -96,21 +224,13 @@ int Nuv::main( int, char** )
     std::cout << "sensord: ready" << std::endl;
     Mt::SubsystemInfo::threadletonPtr()->detail()->statusMessage( "sampling" );
 
-    Signals::Request request = signals.wait();
-    for ( ; request != Signals::stop; request = signals.wait() ) {
-        if ( request == Signals::reload ) {
-            loadSettings( &settings );
-            nuvLogTo( source ) << "settings read again, a sample every " << settings.myIntervalMs
-                               << " ms";
-        } else {
-            for ( Sensor::Sampler* samplerPtr : samplers )
-                samplerPtr->requestReport();
-        }
-    }
+    obey( &signals, &settings, stationPtr.get(), report );
     for ( Sensor::Sampler* samplerPtr : samplers )
         samplerPtr->requestExit();
     for ( Sensor::Sampler* samplerPtr : samplers )
         samplerPtr->waitForEnd();
+    if ( stationPtr )
+        stationPtr->end();
     nuvLogTo( source ) << "sensord ends";
     return 0;
 }
@@ -124,6 +244,8 @@ int main( int argc, char** argv )
         "sensord" );
     app.add_option( "--interval-ms", ourIntervalMs, "Pause between samples (else as configured)" )
         ->check( CLI::Range( 10u, 3600000u ) );
+    app.add_flag( "--control", ourHasControl,
+                  "Be the sensor: server pipe \"sensord\", health record, helper program" );
     app.add_flag( "--crash", ourIsCrashing, "Crash in the first sample, to show the crash report" );
     try {
         app.parse( argc, argv );
