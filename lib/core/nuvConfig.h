@@ -34,8 +34,7 @@ namespace Nuv::Utils {
 /// Owns:    all Nodes; Nodes, Values and iterators stay valid until the Config is destroyed, but
 ///          loading on may change them.
 /// Cost:    a look-up walks one ordered map for each name of the path; it copies no name.
-/// Example: Config config( "etc/mainApp.conf" ); int ms = config.intValue( "pipe", "timeout", 500
-///          );
+/// Example: Config config( "etc/mainApp.conf" ); int ms = config.intValue( "pipe", "timeout", 5 );
 class NUV_API Config
 {
 public:
@@ -221,15 +220,14 @@ public:
     /// @return the value or null
     const Value* findValue( std::string_view key ) const;
 
-    /// @return the number of an integer; the default for a string, also one that looks like a
-    /// number
+    /// @return the number of an integer; the default also for a string that looks like one
     int intValue( std::string_view key, int defaultValue ) const;
     /// The same, the integer reinterpreted as unsigned.
     unsigned int uIntValue( std::string_view key, unsigned int defaultValue ) const;
     /// @return the text, of an integer its decimal form: "0x10" reads back as "16"
     std::string stringValue( std::string_view key, std::string_view defaultValue ) const;
-    /// @return whether an integer is not 0; for a string what ourCstrToBoolMap says, else the
-    /// default
+    /// @return whether an integer is not 0; for a string what ourCstrToBoolMap says, else
+    ///         the default
     bool boolValue( std::string_view key, bool defaultValue ) const;
 
 private:

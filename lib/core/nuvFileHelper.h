@@ -30,9 +30,8 @@ public:
     /// Replaces the data with the file's bytes: those of its size at the start, or fewer if it
     /// shrinks meanwhile.
     /// @return whether as many bytes came as the file's size said
-    /// @throws Exception if it is no readable regular file, larger than the maximum (or than a
-    /// Buffer
-    ///         holds), or does not open
+    /// @throws Exception if it is no readable regular file, larger than the maximum (or than what a
+    ///         Buffer holds), or does not open
     bool load();
     /// Replaces the file's content with the data, creating the file when missing (0666 less the
     /// umask).

@@ -86,7 +86,7 @@ public:
     static Utils::String pathnameOfSystemEtc();
     /// Puts the current directory and "/" in front of a pathname that does not begin with "/".
     /// @return false, with the text unchanged, only when the current directory is gone or
-    /// unreadable
+    ///         unreadable
     static bool makePathAbsolute( Utils::String* pathPtr );
     /// Makes the pathname absolute and normal, by its text alone: no "." or ".." name, no doubled
     /// and no trailing "/". Symbolic links are not resolved.

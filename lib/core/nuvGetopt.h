@@ -26,10 +26,9 @@ extern NUV_API int optopt;
 ///          unless silenced; nothing is thrown.
 /// Example: while ( ( c = Nuv::getopt( argc, argv, "ab:" ) ) != -1 ) ...
 /// @param optionsPtr option characters, ':' behind one that takes an argument; ':' in front
-/// silences
+///        silences
 /// @return the option character; '?' for one that is illegal or unknown; -1 at the end. An option
-/// whose
-///         argument is missing is returned with an empty optarg.
+///         whose argument is missing is returned with an empty optarg.
 NUV_API int getopt( int argc, char* const argv[], const char* optionsPtr );
 
 } // namespace Nuv

@@ -86,7 +86,7 @@ public:
     /// @return true when no older entry had to be discarded
     bool write( const Utils::Buffer& buffer );
     /// Removes the oldest entry into the Buffer. @return false, the Buffer emptied, if there is
-    /// none
+    ///         none
     bool read( Utils::Buffer* bufferPtr );
     /// @return copies of all entries, oldest first; none is removed, no signal consumed
     std::vector< Utils::Buffer > entries();

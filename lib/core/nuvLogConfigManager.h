@@ -117,8 +117,7 @@ public:
     /// (anew): its preset.
     /// @param severity a threshold, 1 to 6; nuvAssert otherwise
     /// @param zoneNamePtr null: every zone but the log application's own (slot 0, where this
-    /// process
-    ///        has the log application enabled), and every later one: the override
+    ///        process has the log application enabled), and every later one: the override
     /// @return false if the table of presets is full; a zone that exists is changed all the same
     bool zoneSeverity( Severity severity, const char* zoneNamePtr );
     /// The same for the flags, but nothing is kept for a zone that does not exist.
@@ -130,8 +129,7 @@ public:
     /// Changes what the drain's section says, leaves the rest.
     void getDrainOptions( const DrainName& name, Drain::Options* optionsPtr ) const;
     /// @return true with the record of that name; false with the first unused slot, null if there
-    /// is
-    ///         none. The semaphore is held, the caller's duty.
+    ///         is none. The semaphore is held, the caller's duty.
     bool getZonePtr( const ZoneName& name, Zone** outPtr );
     bool isLogAppEnabled() const { return myIsLogAppEnabled; }
     /// Fails nuvAssert "myInterprocessDrainPtr != NULL" unless the log application is enabled.

@@ -52,7 +52,7 @@ MemoryMappedFile::~MemoryMappedFile()
 void MemoryMappedFile::windowOffset( long long offset )
 {
     const long long aligned = offset - offset % offsetGranularity();
-    if ( aligned == myWindowOffset )
+    if ( offset >= 0 && aligned == myWindowOffset )
         return;
     if ( offset < 0 || aligned >= myFileSize ) {
         throw std::out_of_range(

@@ -153,8 +153,8 @@ private:
 /// Threads: one at a time.
 /// Errors:  Exception as each member says, after a line in the zone "IoPipe" at error severity.
 /// Owns:    its semaphores' use and its descriptors; it makes and removes no FIFO.
-/// Example: ClientPipe p( "control" ); p.connect( 5000, false ); p.writeMsg( m ); p.readMsg( &a, 30
-///          );
+/// Example: ClientPipe p( "control" ); p.connect( 5000, false ); p.writeMsg( m );
+///          p.readMsg( &answer, 30 );
 class NUV_API ClientPipe : public PipeEnd
 {
 public:

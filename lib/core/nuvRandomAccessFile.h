@@ -35,8 +35,8 @@ public:
     };
 
     /// @param fileSize bytes; 0 adopts the size of the existing file, any other size cuts or
-    /// extends
-    ///        it (which a read-only opener of a file of another size cannot: nuvCheckResource)
+    ///        extends it (which a read-only opener of a file of another size cannot:
+    ///        nuvCheckResource)
     /// @param mode any other value fails nuvAssert with "Invalid access mode."
     RandomAccessFile( const Pathname& pathname, long long fileSize, AccessMode mode );
     RandomAccessFile( const RandomAccessFile& ) = delete;
