@@ -116,6 +116,25 @@ void installInterruptHandler()
     ::pthread_sigmask( SIG_UNBLOCK, &set, nullptr );
 }
 
+// In a process without the singleton the signal would end it.
+void handleInterruptSignal()
+{
+    static std::atomic< bool > ourIsHandled = false;
+    if ( ourIsHandled.load( std::memory_order_relaxed ) )
+        return;
+    struct sigaction action
+    {
+    };
+    ::sigaction( SignalHandler::interruptSignal, nullptr, &action );
+    if ( ( action.sa_flags & SA_SIGINFO ) == 0 && action.sa_handler == SIG_DFL ) {
+        action = {};
+        action.sa_handler = &interruptSigHandler;
+        action.sa_mask = SignalHandler::interruptSet();
+        ::sigaction( SignalHandler::interruptSignal, &action, nullptr );
+    }
+    ourIsHandled.store( true, std::memory_order_relaxed );
+}
+
 std::string applicationName()
 {
     const std::string name =
@@ -237,6 +256,7 @@ void SignalHandler::raise( int sig )
 void SignalHandler::interruptSystemCall( unsigned long thread )
 {
     nuvAssert( thread != 0 );
+    handleInterruptSignal();
     ::pthread_kill( static_cast< pthread_t >( thread ), interruptSignal );
 }
 
@@ -283,13 +303,26 @@ bool InterruptibleCall::isInterrupted() const
     return ourNbrOfInterruptions != myNbrOfInterruptions;
 }
 
-int InterruptibleCall::poll( pollfd* descriptorsPtr, nfds_t nbrOfDescriptors, int timeoutMs )
+int InterruptibleCall::poll( pollfd* descriptorsPtr, nfds_t nbrOfDescriptors, int timeoutMs,
+                             const std::atomic< bool >* endPtr )
 {
+    const sigset_t signalSet = setOf( SignalHandler::interruptSignal );
     sigset_t set;
-    ::pthread_sigmask( SIG_SETMASK, nullptr, &set );
+    ::pthread_sigmask( SIG_BLOCK, &signalSet, &set );
+    const bool isBlocked = sigismember( &set, SignalHandler::interruptSignal ) == 1;
     sigdelset( &set, SignalHandler::interruptSignal );
     const timespec timeout{ timeoutMs / 1000, timeoutMs % 1000 * 1000000L };
-    return ::ppoll( descriptorsPtr, nbrOfDescriptors, timeoutMs < 0 ? nullptr : &timeout, &set );
+    int result = -1;
+    errno = EINTR;
+    if ( endPtr == nullptr || !endPtr->load( std::memory_order_acquire ) )
+        result =
+            ::ppoll( descriptorsPtr, nbrOfDescriptors, timeoutMs < 0 ? nullptr : &timeout, &set );
+    if ( !isBlocked ) {
+        const int errorNbr = errno;
+        ::pthread_sigmask( SIG_UNBLOCK, &signalSet, nullptr );
+        errno = errorNbr;
+    }
+    return result;
 }
 
 } // namespace Nuv::Mt

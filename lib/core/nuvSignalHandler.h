@@ -3,6 +3,7 @@
 #include "nuv.h"
 #include "nuvUtils.h"
 
+#include <atomic>
 #include <csignal>
 #include <poll.h>
 #include <pthread.h>
@@ -77,7 +78,8 @@ public:
     /// @param sig nuvAssert for what is no signal number
     static void raise( int sig );
     /// Makes a call that blocks within an InterruptibleCall of that thread return as interrupted.
-    /// The observers then see signal 30.
+    /// The observers then see signal 30. Needs no singleton: without one the signal does nothing
+    /// else.
     /// @param thread of a thread that is not joined yet (ThreadedTask::threadId())
     static void interruptSystemCall( unsigned long thread );
 
@@ -130,7 +132,10 @@ public:
     /// As ::poll(), interruptible without a gap: an interruption sent at any time before it ends
     /// the wait at once. Leaves the signal as it was: not to be used within a scope.
     /// @param timeoutMs milliseconds; negative waits for ever
-    static int poll( pollfd* descriptorsPtr, nfds_t nbrOfDescriptors, int timeoutMs );
+    /// @param endPtr may be null: a flag that whoever interrupts sets before. It ends the wait also
+    ///        where the signal came just before it, in a thread that does not keep it blocked.
+    static int poll( pollfd* descriptorsPtr, nfds_t nbrOfDescriptors, int timeoutMs,
+                     const std::atomic< bool >* endPtr = nullptr );
 
 private:
     sigset_t mySavedSet;
