@@ -1,6 +1,5 @@
 #include "nuvPackedData.h"
 
-#include <bit>
 #include <cstring>
 #include <type_traits>
 
@@ -160,100 +159,61 @@ void PackedData::set64BitField( std::uint64_t value, std::size_t offset, unsigne
     set64BitValue( field.replaced( unsigned64BitValue( offset ), value ), offset );
 }
 
-std::uint16_t LittleEndianPackedData::unsigned16BitValue( std::size_t offset ) const
+template < std::endian order >
+std::uint16_t OrderedPackedData< order >::unsigned16BitValue( std::size_t offset ) const
 {
-    return load< std::uint16_t, std::endian::little >( myDataPtr + offset );
+    return load< std::uint16_t, order >( myDataPtr + offset );
 }
 
-std::uint32_t LittleEndianPackedData::unsigned32BitValue( std::size_t offset ) const
+template < std::endian order >
+std::uint32_t OrderedPackedData< order >::unsigned32BitValue( std::size_t offset ) const
 {
-    return load< std::uint32_t, std::endian::little >( myDataPtr + offset );
+    return load< std::uint32_t, order >( myDataPtr + offset );
 }
 
-std::uint64_t LittleEndianPackedData::unsigned64BitValue( std::size_t offset ) const
+template < std::endian order >
+std::uint64_t OrderedPackedData< order >::unsigned64BitValue( std::size_t offset ) const
 {
-    return load< std::uint64_t, std::endian::little >( myDataPtr + offset );
+    return load< std::uint64_t, order >( myDataPtr + offset );
 }
 
-std::int16_t LittleEndianPackedData::signed16BitValue( std::size_t offset ) const
+template < std::endian order >
+std::int16_t OrderedPackedData< order >::signed16BitValue( std::size_t offset ) const
 {
-    return static_cast< std::int16_t >(
-        load< std::uint16_t, std::endian::little >( myDataPtr + offset ) );
+    return static_cast< std::int16_t >( load< std::uint16_t, order >( myDataPtr + offset ) );
 }
 
-std::int32_t LittleEndianPackedData::signed32BitValue( std::size_t offset ) const
+template < std::endian order >
+std::int32_t OrderedPackedData< order >::signed32BitValue( std::size_t offset ) const
 {
-    return static_cast< std::int32_t >(
-        load< std::uint32_t, std::endian::little >( myDataPtr + offset ) );
+    return static_cast< std::int32_t >( load< std::uint32_t, order >( myDataPtr + offset ) );
 }
 
-std::int64_t LittleEndianPackedData::signed64BitValue( std::size_t offset ) const
+template < std::endian order >
+std::int64_t OrderedPackedData< order >::signed64BitValue( std::size_t offset ) const
 {
-    return static_cast< std::int64_t >(
-        load< std::uint64_t, std::endian::little >( myDataPtr + offset ) );
+    return static_cast< std::int64_t >( load< std::uint64_t, order >( myDataPtr + offset ) );
 }
 
-void LittleEndianPackedData::set16BitValue( std::uint16_t value, std::size_t offset )
+template < std::endian order >
+void OrderedPackedData< order >::set16BitValue( std::uint16_t value, std::size_t offset )
 {
-    store< std::uint16_t, std::endian::little >( myDataPtr + offset, value );
+    store< std::uint16_t, order >( myDataPtr + offset, value );
 }
 
-void LittleEndianPackedData::set32BitValue( std::uint32_t value, std::size_t offset )
+template < std::endian order >
+void OrderedPackedData< order >::set32BitValue( std::uint32_t value, std::size_t offset )
 {
-    store< std::uint32_t, std::endian::little >( myDataPtr + offset, value );
+    store< std::uint32_t, order >( myDataPtr + offset, value );
 }
 
-void LittleEndianPackedData::set64BitValue( std::uint64_t value, std::size_t offset )
+template < std::endian order >
+void OrderedPackedData< order >::set64BitValue( std::uint64_t value, std::size_t offset )
 {
-    store< std::uint64_t, std::endian::little >( myDataPtr + offset, value );
+    store< std::uint64_t, order >( myDataPtr + offset, value );
 }
 
-std::uint16_t BigEndianPackedData::unsigned16BitValue( std::size_t offset ) const
-{
-    return load< std::uint16_t, std::endian::big >( myDataPtr + offset );
-}
-
-std::uint32_t BigEndianPackedData::unsigned32BitValue( std::size_t offset ) const
-{
-    return load< std::uint32_t, std::endian::big >( myDataPtr + offset );
-}
-
-std::uint64_t BigEndianPackedData::unsigned64BitValue( std::size_t offset ) const
-{
-    return load< std::uint64_t, std::endian::big >( myDataPtr + offset );
-}
-
-std::int16_t BigEndianPackedData::signed16BitValue( std::size_t offset ) const
-{
-    return static_cast< std::int16_t >(
-        load< std::uint16_t, std::endian::big >( myDataPtr + offset ) );
-}
-
-std::int32_t BigEndianPackedData::signed32BitValue( std::size_t offset ) const
-{
-    return static_cast< std::int32_t >(
-        load< std::uint32_t, std::endian::big >( myDataPtr + offset ) );
-}
-
-std::int64_t BigEndianPackedData::signed64BitValue( std::size_t offset ) const
-{
-    return static_cast< std::int64_t >(
-        load< std::uint64_t, std::endian::big >( myDataPtr + offset ) );
-}
-
-void BigEndianPackedData::set16BitValue( std::uint16_t value, std::size_t offset )
-{
-    store< std::uint16_t, std::endian::big >( myDataPtr + offset, value );
-}
-
-void BigEndianPackedData::set32BitValue( std::uint32_t value, std::size_t offset )
-{
-    store< std::uint32_t, std::endian::big >( myDataPtr + offset, value );
-}
-
-void BigEndianPackedData::set64BitValue( std::uint64_t value, std::size_t offset )
-{
-    store< std::uint64_t, std::endian::big >( myDataPtr + offset, value );
-}
+template class OrderedPackedData< std::endian::little >;
+template class OrderedPackedData< std::endian::big >;
 
 } // namespace Nuv::Utils

@@ -2,6 +2,7 @@
 
 #include "nuv.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -90,8 +91,9 @@ protected:
     std::size_t myNbrOfBytes = 0;
 };
 
-/// PackedData whose values have their least significant byte at the offset.
-class NUV_API LittleEndianPackedData : public PackedData
+/// PackedData whose values have the byte at the offset that comes first in this order.
+template < std::endian order >
+class NUV_API OrderedPackedData : public PackedData
 {
 public:
     using PackedData::PackedData;
@@ -107,21 +109,12 @@ public:
     void set64BitValue( std::uint64_t value, std::size_t offset ) override;
 };
 
-/// PackedData whose values have their most significant byte at the offset.
-class NUV_API BigEndianPackedData : public PackedData
-{
-public:
-    using PackedData::PackedData;
+extern template class NUV_API OrderedPackedData< std::endian::little >;
+extern template class NUV_API OrderedPackedData< std::endian::big >;
 
-    std::uint16_t unsigned16BitValue( std::size_t offset ) const override;
-    std::uint32_t unsigned32BitValue( std::size_t offset ) const override;
-    std::uint64_t unsigned64BitValue( std::size_t offset ) const override;
-    std::int16_t signed16BitValue( std::size_t offset ) const override;
-    std::int32_t signed32BitValue( std::size_t offset ) const override;
-    std::int64_t signed64BitValue( std::size_t offset ) const override;
-    void set16BitValue( std::uint16_t value, std::size_t offset ) override;
-    void set32BitValue( std::uint32_t value, std::size_t offset ) override;
-    void set64BitValue( std::uint64_t value, std::size_t offset ) override;
-};
+/// The least significant byte at the offset.
+using LittleEndianPackedData = OrderedPackedData< std::endian::little >;
+/// The most significant byte at the offset.
+using BigEndianPackedData = OrderedPackedData< std::endian::big >;
 
 } // namespace Nuv::Utils
