@@ -330,9 +330,18 @@ namespace {
 
 const std::streambuf::pos_type invalidPosition( std::streambuf::off_type( -1 ) );
 
-// base + offset, or -1 if that is negative or no offset at all.
-std::streambuf::off_type seekTarget( std::ptrdiff_t base, std::streambuf::off_type offset )
+// The offset as one from the beginning, -1 if that is negative or no offset at all.
+std::streambuf::off_type seekTarget( std::streambuf::off_type offset,
+                                     std::ios_base::seekdir direction, std::ptrdiff_t current,
+                                     std::ptrdiff_t end )
 {
+    std::ptrdiff_t base = 0;
+    if ( direction == std::ios_base::cur )
+        base = current;
+    else if ( direction == std::ios_base::end )
+        base = end;
+    else if ( direction != std::ios_base::beg )
+        nuvAssert( false );
     std::streambuf::off_type target = 0;
     const bool wraps = __builtin_add_overflow( std::streambuf::off_type( base ), offset, &target );
     return wraps || target < 0 ? -1 : target;
@@ -401,14 +410,8 @@ BufferOStreamBuf::pos_type BufferOStreamBuf::seekoff( off_type offset,
                                                       std::ios_base::seekdir direction,
                                                       std::ios_base::openmode mode )
 {
-    std::ptrdiff_t base = 0;
-    if ( direction == std::ios_base::cur )
-        base = pptr() - pbase();
-    else if ( direction == std::ios_base::end )
-        base = epptr() - pbase();
-    else if ( direction != std::ios_base::beg )
-        nuvAssert( false );
-    return seekpos( pos_type( seekTarget( base, offset ) ), mode );
+    const off_type target = seekTarget( offset, direction, pptr() - pbase(), epptr() - pbase() );
+    return seekpos( pos_type( target ), mode );
 }
 
 BufferOStreamBuf::pos_type BufferOStreamBuf::seekpos( pos_type position, std::ios_base::openmode )
@@ -497,14 +500,8 @@ BufferIStreamBuf::pos_type BufferIStreamBuf::seekoff( off_type offset,
                                                       std::ios_base::seekdir direction,
                                                       std::ios_base::openmode mode )
 {
-    std::ptrdiff_t base = 0;
-    if ( direction == std::ios_base::cur )
-        base = gptr() - eback();
-    else if ( direction == std::ios_base::end )
-        base = egptr() - eback();
-    else if ( direction != std::ios_base::beg )
-        nuvAssert( false );
-    return seekpos( pos_type( seekTarget( base, offset ) ), mode );
+    const off_type target = seekTarget( offset, direction, gptr() - eback(), egptr() - eback() );
+    return seekpos( pos_type( target ), mode );
 }
 
 BufferIStreamBuf::pos_type BufferIStreamBuf::seekpos( pos_type position, std::ios_base::openmode )
