@@ -37,8 +37,6 @@ Word wordAt( std::size_t offset )
 TEST_F( GlobalData, FreshSegmentStartsFromItsDefaultsAtTheirOffsets )
 {
     const Global& global = *Global::singletonPtr();
-    EXPECT_EQ( 300u, global.ftpTimeout() );
-    EXPECT_EQ( 1u, global.certificateStoreVersionNbr() );
     EXPECT_FALSE( global.dnsIsEnabled() || global.httpProxyIsEnabled() );
     int offset = -1;
     std::string zone;
