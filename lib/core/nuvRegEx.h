@@ -120,7 +120,8 @@ public:
     /// A line for each node of the program: position, name, data, position of the next node.
     std::string programText() const;
 
-    /// The nodes that the calling thread's last search has visited: a measure of its work.
+    /// A measure of the work of the calling thread's last search: the nodes that it has visited,
+    /// and one more for 8 characters that a repeat has stepped through.
     static std::uint64_t lastNbrOfSteps();
 
 private:

@@ -9,6 +9,9 @@ namespace {
 
 constexpr std::size_t minNbrOfEntries = 64;
 
+// Characters that a run steps through count as so much of a node.
+constexpr std::uint32_t nbrOfCharsPerStep = 8;
+
 } // namespace
 
 // --- outcomes -----------------------------------------------------------------------------------
@@ -67,9 +70,9 @@ void RegExOutcomes::grow()
 
 void RegExScratch::trim()
 {
-    const std::size_t nbrOfBytes = myFrames.capacity() * sizeof( Frame ) +
-                                   myRounds.capacity() * sizeof( myRounds[0] ) +
-                                   myOutcomes.nbrOfBytes() + myFolded.capacity();
+    const std::size_t nbrOfBytes =
+        myFrames.capacity() * sizeof( Frame ) + myRounds.capacity() * sizeof( myRounds[0] ) +
+        myRuns.capacity() * sizeof( Run ) + myOutcomes.nbrOfBytes() + myFolded.capacity();
     if ( nbrOfBytes > maxNbrOfBytesKept )
         *this = RegExScratch();
 }
@@ -86,6 +89,7 @@ RegExMatcher::RegExMatcher( const RegExPlan& plan, const char* subjectPtr, std::
 {
     scratchPtr->myFrames.clear();
     scratchPtr->myRounds.clear();
+    scratchPtr->myRuns.clear();
     scratchPtr->myOutcomes.clear();
 }
 
@@ -123,16 +127,15 @@ RegExMatcher::Pos RegExMatcher::findStart( Pos pos ) const
     const void* foundPtr = nullptr;
     switch ( myPlan.myStart ) {
     case RegExPlan::startChar:
-        foundPtr = std::memchr( fromPtr, myPlan.myStartChars[0], mySize - pos );
+        foundPtr = std::memchr( fromPtr, myPlan.myStartChar, mySize - pos );
         break;
     case RegExPlan::startLiteral: {
         const Node& node = myPlan.myNodes[myPlan.myFastFirst];
         foundPtr = ::memmem( fromPtr, mySize - pos, node.myTextPtr, node.myTextSize );
         break;
     }
-    case RegExPlan::startFew:
-    case RegExPlan::startSet:
-        return findOneOf( pos );
+    case RegExPlan::startPair:
+        return findPair( pos );
     default:
         return pos;
     }
@@ -141,11 +144,17 @@ RegExMatcher::Pos RegExMatcher::findStart( Pos pos ) const
                : static_cast< Pos >( static_cast< const char* >( foundPtr ) - mySubjectPtr );
 }
 
-RegExMatcher::Pos RegExMatcher::findOneOf( Pos pos ) const
+// A place where an alternative can begin with the character and the next one, which for the last
+// one is the terminating NUL.
+RegExMatcher::Pos RegExMatcher::findPair( Pos pos ) const
 {
-    while ( pos < mySize && !myPlan.contains( myPlan.myStartSet, mySubjectPtr[pos] ) )
-        ++pos;
-    return pos;
+    const std::uint8_t* const firstPtr = myPlan.myStartTables[0].data();
+    const std::uint8_t* const secondPtr = myPlan.myStartTables[1].data();
+    const auto* charPtr = reinterpret_cast< const unsigned char* >( mySubjectPtr + pos );
+    const auto* const endPtr = reinterpret_cast< const unsigned char* >( mySubjectPtr + mySize );
+    while ( charPtr != endPtr && ( firstPtr[charPtr[0]] & secondPtr[charPtr[1]] ) == 0 )
+        ++charPtr;
+    return mySize - static_cast< Pos >( endPtr - charPtr );
 }
 
 // --- the first pass -----------------------------------------------------------------------------
@@ -247,71 +256,154 @@ RegExMatcher::Next RegExMatcher::fail( State* statePtr )
 RegExMatcher::Next RegExMatcher::enterRun( State* statePtr )
 {
     const Node& node = myPlan.myNodes[statePtr->myNode];
-    const Pos end = runEnd( node, statePtr->myPos );
-    if ( end - statePtr->myPos < node.myMin )
+    const Pos pos = statePtr->myPos;
+    const Pos end = keepsAll() ? keptRunEnd( statePtr->myNode, pos ) : runEnd( node, pos );
+    if ( end - pos < node.myMin )
         return fail( statePtr );
     if ( node.myIsGreedy && !keepsAll() ) {
         statePtr->myNode = node.myFast;
         statePtr->myPos = end;
         return nextNode;
     }
-    Frame frame{ statePtr->myNode, 0, 0, statePtr->myPos, end + 1, noMatch, 0 };
-    if ( !retryRun( &frame, statePtr ) )
+    Frame frame{ statePtr->myNode, 0, 0, pos, end + 1, end, 0 };
+    if ( !retryRun( &frame, statePtr ) ) {
+        keepFailure( frame );
         return fail( statePtr );
+    }
     myScratchPtr->myFrames.push_back( frame );
     return nextNode;
 }
 
+// Null until all outcomes are kept.
+RegExScratch::Run* RegExMatcher::runPtr( Index run )
+{
+    if ( !keepsAll() )
+        return nullptr;
+    std::vector< RegExScratch::Run >& runs = myScratchPtr->myRuns;
+    if ( runs.empty() )
+        runs.resize( myPlan.myNodes.size() );
+    return &runs[run];
+}
+
+// As runEnd(); what has been measured once is not stepped through again.
+RegExMatcher::Pos RegExMatcher::keptRunEnd( Index run, Pos pos )
+{
+    const Node& node = myPlan.myNodes[run];
+    RegExScratch::Run* const ptr = runPtr( run );
+    if ( node.myMax != 0 )
+        return runEnd( node, pos );
+    if ( pos < ptr->myFrom || pos > ptr->myEnd ) {
+        ptr->myFrom = pos;
+        ptr->myEnd = runEnd( node, pos );
+    }
+    return ptr->myEnd;
+}
+
+// Nothing follows behind any of the run's counts: joins them with what is known already.
+void RegExMatcher::keepFailure( const Frame& frame )
+{
+    RegExScratch::Run* const ptr = runPtr( frame.myNode );
+    if ( ptr == nullptr )
+        return;
+    const Pos from = frame.myPos + myPlan.myNodes[frame.myNode].myMin;
+    const Pos to = frame.myBestEnd;
+    const bool touches = from <= ptr->myFailTo + 1 && to + 1 >= ptr->myFailFrom;
+    ptr->myFailFrom = touches ? std::min( from, ptr->myFailFrom ) : from;
+    ptr->myFailTo = touches ? std::max( to, ptr->myFailTo ) : to;
+}
+
 // How far the characters of a run reach, up to its maximum.
-RegExMatcher::Pos RegExMatcher::runEnd( const Node& node, Pos pos ) const
+RegExMatcher::Pos RegExMatcher::runEnd( const Node& node, Pos pos )
 {
     const Pos room = mySize - pos;
     const Pos limit = pos + ( node.myMax == 0 ? room : std::min< Pos >( room, node.myMax ) );
-    const void* foundPtr = nullptr;
-    switch ( node.myOp ) {
-    case RegExPlan::opRunAny:
+    if ( node.myOp == RegExPlan::opRunAny )
         return limit;
-    case RegExPlan::opRunButChar:
-        foundPtr = std::memchr( mySubjectPtr + pos, node.myChar, limit - pos );
-        return foundPtr == nullptr
-                   ? limit
-                   : static_cast< Pos >( static_cast< const char* >( foundPtr ) - mySubjectPtr );
-    case RegExPlan::opRunChar:
-        while ( pos < limit && mySubjectPtr[pos] == node.myChar )
-            ++pos;
-        return pos;
-    default:
-        while ( pos < limit && myPlan.contains( node, mySubjectPtr[pos] ) )
-            ++pos;
-        return pos;
+    const char* const fromPtr = mySubjectPtr + pos;
+    const char* const limitPtr = mySubjectPtr + limit;
+    const char* charPtr = fromPtr;
+    if ( node.myOp == RegExPlan::opRunButChar ) {
+        const void* const foundPtr = std::memchr( fromPtr, node.myChar, limit - pos );
+        charPtr = foundPtr == nullptr ? limitPtr : static_cast< const char* >( foundPtr );
+    } else if ( node.myOp == RegExPlan::opRunChar ) {
+        while ( charPtr != limitPtr && *charPtr == node.myChar )
+            ++charPtr;
+    } else {
+        const std::uint8_t* const tablePtr = &myPlan.myTables[node.myTable];
+        while ( charPtr != limitPtr &&
+                ( tablePtr[static_cast< unsigned char >( *charPtr )] & node.myMask ) != 0 )
+            ++charPtr;
     }
+    const Pos nbrOfChars = static_cast< Pos >( charPtr - fromPtr );
+    myNbrOfSteps += nbrOfChars / nbrOfCharsPerStep;
+    return pos + nbrOfChars;
 }
 
 RegExMatcher::Next RegExMatcher::enterRepeat( State* statePtr )
 {
     const Index index = statePtr->myNode;
-    const Node& node = myPlan.myNodes[index];
-    const Pos start = statePtr->myPos;
     std::vector< Pos >& rounds = myScratchPtr->myRounds;
     const std::size_t offset = rounds.size();
-    Pos pos = start;
-    unsigned int count = 0;
-    rounds.push_back( pos );
-    while ( ( node.myMax == 0 || count < node.myMax ) && isOpenTo( node.myOperand, pos ) &&
-            run( node.myFastOperand, pos, &pos ) ) {
-        rounds.push_back( pos );
-        ++count;
+    Frame frame{ index, 0, 0, statePtr->myPos, 0, noMatch, static_cast< Pos >( offset ) };
+    rounds.push_back( statePtr->myPos );
+    const RegExOutcomes::Entry* const knownPtr = doRounds( &frame );
+    if ( knownPtr != nullptr && knownPtr->myEnd != noMatch ) {
+        frame.myCount += knownPtr->myDecision;
+        *statePtr = { index, knownPtr->myEnd, true };
+        leave( frame, *statePtr );
+        rounds.resize( offset );
+        return nextDone;
     }
-    Frame frame{ index, 0, 0, start, count + 1, noMatch, static_cast< Pos >( offset ) };
-    if ( count < node.myMin || !retryRepeat( &frame, statePtr ) ) {
+    const bool hadNone = frame.myCount == 0;
+    // What is known to fail is not tried.
+    frame.myCount += knownPtr == nullptr;
+    if ( !retryRepeat( &frame, statePtr ) ) {
+        keepRounds( frame, { index, noMatch, false } );
         rounds.resize( offset );
         return fail( statePtr );
     }
-    if ( count == 0 && !keepsAll() )
+    if ( hadNone && !keepsAll() )
         rounds.resize( offset );
     else
         myScratchPtr->myFrames.push_back( frame );
     return nextNode;
+}
+
+// As many rounds as there can be. Without a maximum, what comes of one more round does not depend
+// on how many there were.
+// @return what is known of the place where they stop
+const RegExOutcomes::Entry* RegExMatcher::doRounds( Frame* framePtr )
+{
+    const Node& node = myPlan.myNodes[framePtr->myNode];
+    std::vector< Pos >& rounds = myScratchPtr->myRounds;
+    for ( Pos pos = framePtr->myPos;; ++framePtr->myCount ) {
+        if ( node.myMax == 0 && framePtr->myCount >= node.myMin && keepsAll() ) {
+            const RegExOutcomes::Entry* const knownPtr =
+                myScratchPtr->myOutcomes.find( node.myOperand, pos );
+            if ( knownPtr != nullptr )
+                return knownPtr;
+        }
+        if ( ( node.myMax != 0 && framePtr->myCount == node.myMax ) ||
+             !isOpenTo( node.myOperand, pos ) || !run( node.myFastOperand, pos, &pos ) )
+            return nullptr;
+        rounds.push_back( pos );
+    }
+}
+
+// The same for all rounds: to go on from any of them as from the first.
+void RegExMatcher::keepRounds( const Frame& frame, const State& state )
+{
+    const Node& node = myPlan.myNodes[frame.myNode];
+    if ( node.myMax != 0 || !keepsAll() )
+        return;
+    const std::vector< Pos >& rounds = myScratchPtr->myRounds;
+    const std::size_t nbrOfEnds = rounds.size() - frame.myRoundsOffset;
+    for ( std::size_t i = node.myMin; i < nbrOfEnds; ++i ) {
+        const bool matches = state.myMatched && i <= frame.myCount;
+        myScratchPtr->myOutcomes.keep( node.myOperand, rounds[frame.myRoundsOffset + i],
+                                       matches ? state.myPos : noMatch,
+                                       matches ? frame.myCount - static_cast< Pos >( i ) : 0 );
+    }
 }
 
 // Of alternatives all but one of which cannot match there is nothing to try.
@@ -348,49 +440,53 @@ bool RegExMatcher::goBack( std::size_t nbrOfFramesBelow, State* statePtr )
     std::vector< Frame >& frames = myScratchPtr->myFrames;
     for ( ; frames.size() > nbrOfFramesBelow; frames.pop_back() ) {
         Frame* const framePtr = &frames.back();
-        switch ( myPlan.myNodes[framePtr->myNode].myOp ) {
-        case RegExPlan::opBranch:
-            if ( retryBranch( framePtr, statePtr ) )
-                return true;
-            break;
-        case RegExPlan::opRepeat:
-            if ( !statePtr->myMatched && retryRepeat( framePtr, statePtr ) )
-                return true;
-            myScratchPtr->myRounds.resize( framePtr->myRoundsOffset );
-            break;
-        default:
-            if ( !statePtr->myMatched && retryRun( framePtr, statePtr ) )
-                return true;
-        }
+        const RegExPlan::Op op = myPlan.myNodes[framePtr->myNode].myOp;
+        if ( op == RegExPlan::opBranch   ? retryBranch( framePtr, statePtr )
+             : statePtr->myMatched       ? false
+             : op == RegExPlan::opRepeat ? retryRepeat( framePtr, statePtr )
+                                         : retryRun( framePtr, statePtr ) )
+            return true;
         leave( *framePtr, *statePtr );
+        if ( op == RegExPlan::opRepeat )
+            myScratchPtr->myRounds.resize( framePtr->myRoundsOffset );
     }
     return false;
 }
 
+// Keeps how a frame's node has ended.
 void RegExMatcher::leave( const Frame& frame, const State& state )
 {
-    const bool isBranch = myPlan.myNodes[frame.myNode].myOp == RegExPlan::opBranch;
-    if ( state.myMatched ? myKeepsRoads || keepsAll() : keepsAll() )
+    const RegExPlan::Op op = myPlan.myNodes[frame.myNode].myOp;
+    if ( op == RegExPlan::opRepeat )
+        keepRounds( frame, state );
+    else if ( op != RegExPlan::opBranch && !state.myMatched )
+        keepFailure( frame );
+    if ( keepsAll() || ( state.myMatched && myKeepsRoads ) )
         myScratchPtr->myOutcomes.keep( frame.myNode, frame.myPos,
                                        state.myMatched ? state.myPos : noMatch,
-                                       isBranch ? frame.myBest : frame.myCount );
+                                       op == RegExPlan::opBranch ? frame.myBest : frame.myCount );
 }
 
 // Fewer characters, as long as what follows could match behind them.
-bool RegExMatcher::retryRun( Frame* framePtr, State* statePtr ) const
+bool RegExMatcher::retryRun( Frame* framePtr, State* statePtr )
 {
     const Node& node = myPlan.myNodes[framePtr->myNode];
     const RegExCharSet& firsts = myPlan.myFirsts[node.myNext];
+    const RegExScratch::Run* const knownPtr = runPtr( framePtr->myNode );
     const Pos least = framePtr->myPos + node.myMin;
-    Pos pos = framePtr->myCount;
-    while ( pos > least ) {
-        if ( firsts.test( mySubjectPtr[--pos] ) ) {
+    Pos nbrOfChars = 0;
+    for ( Pos pos = framePtr->myCount; pos > least; ++nbrOfChars ) {
+        --pos;
+        if ( knownPtr != nullptr && pos >= knownPtr->myFailFrom && pos <= knownPtr->myFailTo ) {
+            pos = std::max( least, knownPtr->myFailFrom );
+        } else if ( firsts.test( mySubjectPtr[pos] ) ) {
+            myNbrOfSteps += nbrOfChars / nbrOfCharsPerStep;
             framePtr->myCount = pos;
-            statePtr->myNode = node.myFast;
-            statePtr->myPos = pos;
+            *statePtr = { node.myFast, pos, false };
             return true;
         }
     }
+    myNbrOfSteps += nbrOfChars / nbrOfCharsPerStep;
     return false;
 }
 
@@ -435,7 +531,7 @@ bool RegExMatcher::retryBranch( Frame* framePtr, State* statePtr ) const
 
 // Follows the decisions from a node and sets the groups.
 // @return the end of the program's or operand's match; noMatch if a decision is missing
-RegExMatcher::Pos RegExMatcher::trace( Index index, Pos pos, RegExGroup* groupsPtr ) const
+RegExMatcher::Pos RegExMatcher::trace( Index index, Pos pos, RegExGroup* groupsPtr )
 {
     while ( pos != noMatch ) {
         const Node& node = myPlan.myNodes[index];
@@ -465,14 +561,14 @@ RegExMatcher::Pos RegExMatcher::trace( Index index, Pos pos, RegExGroup* groupsP
 }
 
 // A run of which nothing is kept went as far as it could.
-RegExMatcher::Pos RegExMatcher::tracedRun( Index run, Pos pos ) const
+RegExMatcher::Pos RegExMatcher::tracedRun( Index run, Pos pos )
 {
     const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( run, pos );
     return entryPtr != nullptr ? entryPtr->myDecision : runEnd( myPlan.myNodes[run], pos );
 }
 
 // A repeat of which nothing is kept had no round.
-RegExMatcher::Pos RegExMatcher::traceRepeat( Index repeat, Pos pos, RegExGroup* groupsPtr ) const
+RegExMatcher::Pos RegExMatcher::traceRepeat( Index repeat, Pos pos, RegExGroup* groupsPtr )
 {
     const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( repeat, pos );
     const std::uint32_t nbrOfRounds = entryPtr != nullptr ? entryPtr->myDecision : 0;

@@ -60,8 +60,17 @@ struct RegExScratch
         RegExPlan::Index myBest;      // the alternative that reached farthest
         std::uint32_t myPos;          // where the node was met
         std::uint32_t myCount;        // run: its end; repeat: the rounds
-        std::uint32_t myBestEnd;      // alternatives: how far, or noMatch
+        std::uint32_t myBestEnd;      // alternatives: how far, or noMatch; run: its greatest end
         std::uint32_t myRoundsOffset; // repeat: its part of myRounds
+    };
+
+    // Of a run: positions behind which nothing can follow it, and where a run has been measured.
+    struct Run
+    {
+        std::uint32_t myFailFrom = 1;
+        std::uint32_t myFailTo = 0; // included
+        std::uint32_t myFrom = 1;
+        std::uint32_t myEnd = 0; // included: a run from there has no character
     };
 
     static constexpr std::size_t maxNbrOfBytesKept = 1 << 20;
@@ -71,6 +80,7 @@ struct RegExScratch
 
     std::vector< Frame > myFrames;
     std::vector< std::uint32_t > myRounds; // of each repeat, where its rounds began and ended
+    std::vector< Run > myRuns;             // by node; empty until all outcomes are kept
     RegExOutcomes myOutcomes;
     std::vector< char > myFolded; // the subject in lower case
 };
@@ -120,7 +130,7 @@ public:
     /// null
     bool search( RegExGroup* groupsPtr );
 
-    /// Nodes visited so far.
+    /// Nodes visited so far; one more for 8 characters that a run steps through.
     std::uint64_t nbrOfSteps() const { return myNbrOfSteps; }
 
 private:
@@ -144,7 +154,7 @@ private:
 
     bool tryAt( Pos start, RegExGroup* groupsPtr );
     Pos findStart( Pos pos ) const;
-    Pos findOneOf( Pos pos ) const;
+    Pos findPair( Pos pos ) const;
 
     bool run( Index first, Pos pos, Pos* endPtr );
     void forward( State* statePtr );
@@ -153,14 +163,19 @@ private:
     Next enterRepeat( State* statePtr );
     Next enterBranch( State* statePtr );
     Next fail( State* statePtr );
+    const RegExOutcomes::Entry* doRounds( Frame* framePtr );
 
     bool goBack( std::size_t nbrOfFramesBelow, State* statePtr );
-    bool retryRun( Frame* framePtr, State* statePtr ) const;
+    bool retryRun( Frame* framePtr, State* statePtr );
     bool retryRepeat( Frame* framePtr, State* statePtr ) const;
     bool retryBranch( Frame* framePtr, State* statePtr ) const;
     void leave( const Frame& frame, const State& state );
+    void keepFailure( const Frame& frame );
+    void keepRounds( const Frame& frame, const State& state );
 
-    Pos runEnd( const Node& node, Pos pos ) const;
+    RegExScratch::Run* runPtr( Index run );
+    Pos keptRunEnd( Index run, Pos pos );
+    Pos runEnd( const Node& node, Pos pos );
     Pos stepEnd( const Node& node, Pos pos ) const;
     Index candidate( Index branch, Pos pos ) const;
     bool isOpenTo( Index index, Pos pos ) const
@@ -169,9 +184,9 @@ private:
     }
     bool keepsAll() const { return myNbrOfSteps > myNbrOfFreeSteps; }
 
-    Pos trace( Index index, Pos pos, RegExGroup* groupsPtr ) const;
-    Pos traceRepeat( Index repeat, Pos pos, RegExGroup* groupsPtr ) const;
-    Pos tracedRun( Index run, Pos pos ) const;
+    Pos trace( Index index, Pos pos, RegExGroup* groupsPtr );
+    Pos traceRepeat( Index repeat, Pos pos, RegExGroup* groupsPtr );
+    Pos tracedRun( Index run, Pos pos );
     Index tracedBranch( Index branch, Pos pos ) const;
 
     static constexpr Index noNode = 0xFFFF;

@@ -238,6 +238,25 @@ bool RegExPlan::neverFails( const Node& node ) const
     }
 }
 
+// What can follow the character that an alternative begins with.
+RegExCharSet RegExPlan::secondsOf( Index alternative ) const
+{
+    const Node& node = myNodes[myNodes[alternative].myFast];
+    RegExCharSet result;
+    if ( node.myOp == opLiteral ) {
+        result.set( node.myTextPtr[1] );
+    } else if ( node.myOp >= opAny && node.myOp <= opSet ) {
+        result = myFirsts[node.myNext];
+    } else if ( node.myOp >= opRunAny && node.myOp <= opRunSet && node.myMin > 0 ) {
+        result = myFirsts[node.myOperand];
+        if ( node.myMin == 1 )
+            result.add( myFirsts[node.myNext] );
+    } else {
+        result.setAll();
+    }
+    return result;
+}
+
 void RegExPlan::chooseStart()
 {
     RegExCharSet firsts = myFirsts[0];
@@ -250,20 +269,30 @@ void RegExPlan::chooseStart()
         myStart = startLiteral;
     else if ( count == tableSize - 1 )
         myStart = startAnywhere;
-    else if ( count >= 1 && count <= maxNbrOfStartChars )
-        myStart = count == 1 ? startChar : startFew;
     else
-        myStart = startSet;
-    if ( myStart == startSet || myStart == startFew ) {
-        newSet( &myStartSet );
-        for ( std::size_t i = 0; i < count; ++i )
-            myTables[myStartSet.myTable + static_cast< unsigned char >( members[i] )] |=
-                myStartSet.myMask;
-    }
-    if ( myStart == startFew || myStart == startChar ) {
-        myNbrOfStartChars = count;
-        std::memcpy( myStartChars.data(), members, count );
-    }
+        myStart = count == 1 ? startChar : startPair;
+    if ( myStart == startChar )
+        myStartChar = members[0];
+    if ( myStart == startPair )
+        makeStartTables();
+}
+
+void RegExPlan::makeStartTables()
+{
+    std::uint8_t bit = 1;
+    Index alternative = 0;
+    do {
+        const RegExCharSet sets[] = { myFirsts[myNodes[alternative].myNext],
+                                      secondsOf( alternative ) };
+        for ( std::size_t i = 0; i < myStartTables.size(); ++i ) {
+            char members[tableSize];
+            const std::size_t count = sets[i].members( members );
+            for ( std::size_t j = 0; j < count; ++j )
+                myStartTables[i][static_cast< unsigned char >( members[j] )] |= bit;
+        }
+        bit = std::rotl( bit, 1 );
+        alternative = myNodes[alternative].myOther;
+    } while ( alternative != 0 );
 }
 
 } // namespace Nuv::Utils

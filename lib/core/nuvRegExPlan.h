@@ -96,13 +96,10 @@ public:
     {
         startAnchored, ///< only at the subject's start
         startAnywhere,
-        startChar,    ///< myStartChars[0]
+        startChar,    ///< myStartChar
         startLiteral, ///< the text of myNodes[myFastFirst]
-        startFew,     ///< one of the first myNbrOfStartChars of myStartChars
-        startSet      ///< a member of myStartSet
+        startPair     ///< a bit that both the character and the next one have in myStartTables
     };
-
-    static constexpr std::size_t maxNbrOfStartChars = 4;
 
     RegExPlan( Buffer program, unsigned int nbrOfGroups );
     RegExPlan( const RegExPlan& ) = delete;
@@ -123,9 +120,10 @@ public:
     std::vector< std::uint8_t > myTables; ///< of 256 bytes, a bit for each of eight sets
     Index myFastFirst = 0;                ///< where a match begins
     Start myStart = startAnywhere;
-    std::array< char, maxNbrOfStartChars > myStartChars{};
-    std::size_t myNbrOfStartChars = 0;
-    Node myStartSet; ///< as opSet
+    char myStartChar = 0;
+    /// For a character and the next one: a bit for each alternative that can begin with it, by
+    /// turns.
+    std::array< std::array< std::uint8_t, 256 >, 2 > myStartTables{};
 
 private:
     void decode();
@@ -139,7 +137,9 @@ private:
     RegExCharSet firstsOf( const Node& node ) const;
     RegExCharSet setOf( const Node& node ) const;
     bool neverFails( const Node& node ) const;
+    RegExCharSet secondsOf( Index alternative ) const;
     void chooseStart();
+    void makeStartTables();
 
     unsigned int myNbrOfSets = 0;
 };
