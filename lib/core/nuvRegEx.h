@@ -41,9 +41,9 @@ class RegExPlan;
 ///          nuvAssert.
 /// Owns:    the program, shared by copies. Each thread keeps up to 1 MiB of storage for searches.
 /// Cost:    compiling is linear in the program, of at most 65535 bytes. A search never takes more
-///          than quadratic time in the subject, whatever the pattern, and at most 40 KiB of stack.
-///          It allocates only when it needs more storage than the thread has kept, and copies the
-///          subject only to fold its case.
+///          than quadratic time in the subject, whatever the pattern. Neither takes more than 64
+///          KiB of stack. A search allocates only when it needs more storage than the thread has
+///          kept, and copies the subject only to fold its case.
 /// Example: RegEx regEx( "(b+)" ); RegEx::SearchResults results;
 ///          if ( regEx.search( "abbc", &results ) ) regEx.format( &text, "<\\1>", results );
 class NUV_API RegEx

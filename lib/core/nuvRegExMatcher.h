@@ -105,9 +105,9 @@ struct RegExGroup
 /// Threads: one at a time.
 /// Errors:  std::bad_alloc; the scratch may then be used again.
 /// Owns:    nothing.
-/// Cost:    never more than quadratic in the subject for a given pattern. The call stack is as deep
-/// as repeats
-///          lie in one another, at most 100 levels of 200 bytes.
+/// Cost:    never more than quadratic in the subject, and mostly linear: what cannot follow a run
+///          is kept as an interval, and what comes of one more round once for each place. The call
+///          stack is as deep as repeats lie in one another: at most 100 levels of 400 bytes.
 class RegExMatcher
 {
 public:
@@ -126,8 +126,7 @@ public:
     }
 
     /// Looks for the first place where the pattern matches.
-    /// @param groupsPtr room for the plan's groups and the whole match before them, all noMatch; or
-    /// null
+    /// @param groupsPtr the whole match and the plan's groups, all noMatch before; may be null
     bool search( RegExGroup* groupsPtr );
 
     /// Nodes visited so far; one more for 8 characters that a run steps through.
