@@ -2,6 +2,7 @@
 
 #include "nuvFileHelper.h"
 #include "nuvLog.h"
+#include "nuvRegEx.h"
 #include "nuvUtils.h"
 
 #include <algorithm>
@@ -33,15 +34,13 @@ struct FileCloser
 };
 
 // @return whether the line names a value for ZONE
-bool zoneOfLine( std::string_view line, std::string* namePtr )
+bool zoneOfLine( const char* linePtr, std::string* namePtr )
 {
-    constexpr std::string_view key = "ZONE=";
-    if ( !line.starts_with( key ) )
+    static const RegEx ourPattern( "([^=]*)=\"?([^\"]*)\"?" );
+    RegEx::SearchResults results;
+    if ( !ourPattern.search( linePtr, &results ) || results[1].text() != "ZONE" )
         return false;
-    line.remove_prefix( key.size() );
-    if ( line.starts_with( '"' ) )
-        line.remove_prefix( 1 );
-    *namePtr = line.substr( 0, line.find( '"' ) );
+    *namePtr = results[2].text();
     return true;
 }
 
