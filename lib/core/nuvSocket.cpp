@@ -216,7 +216,7 @@ bool IpSocket::isRecvDataAvailable( int* countPtr )
 
 int IpSocket::close() NUV_NO_THREAD_SAFETY_ANALYSIS
 {
-    const Log::CancelShield shield;
+    const Mt::CancelState uncancellable;
     Mt::MutexLock lock( myMutex );
     if ( !isOpen() )
         return -1;
