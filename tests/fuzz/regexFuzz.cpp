@@ -5,6 +5,7 @@
 #include "nuvRegEx.h"
 #include "nuvRegExMatcher.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -58,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t 
     const std::string pattern = texts.c_str();
     const std::string subject =
         texts.substr( std::min( pattern.size() + 1, texts.size() ) ).c_str();
-    const unsigned int flags = dataPtr[0] & 1 ? RegEx::caseInsensitive : 0;
+    const unsigned int flags = dataPtr[0] & RegEx::caseInsensitive;
     const RegEx regEx( pattern.c_str(), flags | RegEx::silentCompile );
     RegEx::SearchResults results;
     const bool isFound = regEx.search( subject.c_str(), &results );
