@@ -289,8 +289,11 @@ bool LogFileReader::takeSnapshot( std::string* bytesPtr, std::size_t* markerPtr 
 
 void LogFileReader::seekEnd()
 {
-    while ( !myLines.empty() || ( !myHasMarker && poll() ) )
+    // Of a file with a marker one look takes all that is new; another is read in pieces.
+    myLines.clear();
+    while ( poll() && !myHasMarker )
         myLines.clear();
+    myLines.clear();
 }
 
 bool LogFileReader::readLine( std::string* linePtr )

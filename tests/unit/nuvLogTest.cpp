@@ -6,81 +6,41 @@
 
 #include "nuvTestSupport.h"
 
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <iomanip>
-#include <locale>
-#include <new>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-
-static std::atomic< int > ourNbrOfAllocations = 0;
-
-void* operator new( std::size_t size )
-{
-    ++ourNbrOfAllocations;
-    if ( void* const ptr = std::malloc( size ) )
-        return ptr;
-    throw std::bad_alloc();
-}
-void operator delete( void* ptr ) noexcept
-{
-    std::free( ptr );
-}
-void operator delete( void* ptr, std::size_t ) noexcept
-{
-    std::free( ptr );
-}
 
 namespace Nuv::Log {
 namespace {
 
-/// Makes the text alone a line, and all severities pass.
-struct PlainZone
-{
-    explicit PlainZone( const char* namePtr, Severity threshold = debug, unsigned int flags = 0 )
-    {
-        ConfigManager::singletonPtr()->openZone( namePtr );
-        LogAppHelper::zoneSeverity( severityKeyword( threshold ), namePtr );
-        LogAppHelper::zoneFlags( flags, namePtr );
-    }
-};
-
-std::vector< std::string > lines( const Capture& capture )
-{
-    std::vector< std::string > result;
-    for ( const Capture::Message& message : capture.messages() )
-        result.push_back( message.line );
-    return result;
-}
-
 using Lines = std::vector< std::string >;
 
-TEST( LogKeywords, SeveritiesAndFlagsHaveTheirNames )
+/// A zone whose lines are their texts alone, and of which each severity passes.
+class LogZone : public ::testing::Test
 {
-    Severity severity = off;
-    const char letters[] = "_DTWEF?";
-    const char* const keywords[] = { "off",   "debug", "timing", "warning",
-                                     "error", "fatal", "none" };
-    for ( int i = off; i <= none; ++i ) {
-        EXPECT_EQ( letters[i], severityLetter( static_cast< Severity >( i ) ) );
-        EXPECT_STREQ( keywords[i], severityKeyword( static_cast< Severity >( i ) ) );
-        EXPECT_EQ( i != off, severityFromKeyword( keywords[i], &severity ) );
-        EXPECT_EQ( i, severity );
-    }
-    for ( const char* keywordPtr : { "DEBUG", "", "debug ", "deb" } )
-        EXPECT_FALSE( severityFromKeyword( keywordPtr, &severity ) ) << keywordPtr;
-    EXPECT_EQ( '?', severityLetter( static_cast< Severity >( -1 ) ) );
-    EXPECT_STREQ( "?", severityKeyword( static_cast< Severity >( 7 ) ) );
-
-    const struct
+protected:
+    LogZone()
     {
-        const char* textPtr;
-        std::uint32_t flags;
-    } cases[] = {
+        LogAppHelper::zoneSeverity( "debug", nullptr );
+        LogAppHelper::zoneFlags( 0, nullptr );
+    }
+
+    static Lines lines( const Capture& capture )
+    {
+        Lines result;
+        for ( const Capture::Message& message : capture.messages() )
+            result.push_back( message.line );
+        return result;
+    }
+
+    const Source mySource{ error, "zone" };
+    Capture myCapture{ "zone" };
+};
+
+TEST( LogKeywords, FlagsAreReadInAnyCaseAndWrittenAgain )
+{
+    const std::pair< const char*, std::uint32_t > cases[] = {
         { "currenttime,elapsedtime,appname,threadid,zonename,severity", defaultZoneFlags },
         { "sequencenbr", 0x01 },
         { "CurrentTime", 0x02 },
@@ -88,38 +48,34 @@ TEST( LogKeywords, SeveritiesAndFlagsHaveTheirNames )
         { " threadid\t", 0x10 },
         { "zonename+severity", 0x60 },
         { "zonename zonename nonsense", 0x20 },
-        { "nonsense", 0 },
         { "", 0 },
     };
-    for ( const auto& one : cases ) {
-        EXPECT_EQ( one.flags, zoneFlagsFromText( one.textPtr ) ) << one.textPtr;
-        EXPECT_EQ( one.flags, zoneFlagsFromText( zoneFlagsText( one.flags ) ) ) << one.textPtr;
+    for ( const auto& [textPtr, flags] : cases ) {
+        EXPECT_EQ( flags, zoneFlagsFromText( textPtr ) ) << textPtr;
+        EXPECT_EQ( flags, zoneFlagsFromText( zoneFlagsText( flags ) ) ) << textPtr;
     }
 }
 
-TEST( LogSource, EmitsFromTheThresholdOn )
+TEST_F( LogZone, SourceEmitsFromTheThresholdOn )
 {
-    const PlainZone zone( "threshold" );
-    SourceSet sources( "threshold" );
-    Capture capture( "threshold" );
+    SourceSet sources( "zone" );
     for ( int threshold = debug; threshold <= none; ++threshold ) {
-        SCOPED_TRACE( threshold );
         LogAppHelper::zoneSeverity( severityKeyword( static_cast< Severity >( threshold ) ),
-                                    "threshold" );
-        for ( int severity = debug; severity < fatal; ++severity ) {
-            const Source& source = sources.source( static_cast< Severity >( severity ) );
-            EXPECT_EQ( severity >= threshold, source.mayEmit() ) << severity;
-        }
+                                    "zone" );
+        for ( const auto severity : { debug, timing, warning, error } )
+            EXPECT_EQ( severity >= threshold, sources.source( severity ).mayEmit() )
+                << threshold << severity;
     }
-    EXPECT_THROW( ConfigManager::singletonPtr()->zoneSeverity( off, "threshold" ), LogicException );
-    LogAppHelper::zoneSeverity( "debug", "threshold" );
+    EXPECT_THROW( ConfigManager::singletonPtr()->zoneSeverity( off, "zone" ), LogicException );
+    LogAppHelper::zoneSeverity( "debug", "zone" );
     sources.preference( excludeDebug );
-    EXPECT_EQ( excludeDebug, sources.preference() );
     nuvLogTo( sources.source( debug ) ) << "lost";
     sources.preference( includeDebug );
-    EXPECT_EQ( includeDebug, sources.preference() );
     nuvLogTo( sources.source( debug ) ) << "kept";
-    EXPECT_EQ( Lines{ "kept" }, lines( capture ) );
+    const Source unbound;
+    nuvLogTo( unbound ) << "lost";
+    Helper( unbound ).logStream() << "lost";
+    EXPECT_EQ( Lines{ "kept" }, lines( myCapture ) );
 }
 
 TEST( LogSource, BelongsToItsZoneOrToSyslogIfFatal )
@@ -129,203 +85,114 @@ TEST( LogSource, BelongsToItsZoneOrToSyslogIfFatal )
     EXPECT_EQ( "Syslog", Source( fatal, "any" ).zone().myName.view() );
     EXPECT_EQ( "Syslog", getStandardSource( fatal ).zone().myName.view() );
     EXPECT_EQ( "Nuv", getStandardSource( error ).zone().myName.view() );
-    for ( unsigned int i = 0; i < 5; ++i ) {
-        const Source& source = *Utils::CtlTransImplLogSourceSet::singletonPtr()->sourcePtr( i );
-        EXPECT_EQ( static_cast< Severity >( i + 1 ), source.severity() );
-        EXPECT_EQ( i < 4 ? "ctlTransImpl" : "Syslog", source.zone().myName.view() );
-    }
 }
 
-TEST( LogSource, UnboundOneEmitsNothing )
+TEST_F( LogZone, StatementEvaluatesOperandsOnlyIfItEmitsAndLeavesErrnoAlone )
 {
-    const Source source;
-    EXPECT_FALSE( source.mayEmit() );
-    EXPECT_EQ( nullptr, source.drainPtr() );
-    Capture capture;
-    Helper( source ).logStream() << "unbound";
-    EXPECT_EQ( Lines{}, lines( capture ) );
-}
-
-TEST( LogStatement, EvaluatesOperandsOnlyIfItEmits )
-{
-    const PlainZone zone( "statement", error );
-    const Source source( warning, "statement" );
-    Capture capture( "statement" );
+    LogAppHelper::zoneSeverity( "fatal", "zone" );
     int nbrOfCalls = 0;
     if ( true )
-        nuvLogTo( source ) << ++nbrOfCalls;
+        nuvLogTo( mySource ) << ++nbrOfCalls;
     else
         ADD_FAILURE() << "the statement has taken the else";
     EXPECT_EQ( 0, nbrOfCalls );
-    LogAppHelper::zoneSeverity( "warning", "statement" );
-    nuvLogTo( source ) << ++nbrOfCalls << ' ' << 0.5 << " %s " << std::string( "a\0b\n", 4 );
-    EXPECT_EQ( Lines{ std::string( "1 0.5 %s a\0b\n", 13 ) }, lines( capture ) );
-}
-
-TEST( LogStatement, LeavesErrnoAloneAndShowsIt )
-{
-    const PlainZone zone( "errno", debug, defaultZoneFlags );
-    const Source source( error, "errno" );
-    Capture capture( "errno" );
+    LogAppHelper::zoneSeverity( "error", "zone" );
+    LogAppHelper::zoneFlags( zoneName, "zone" );
     errno = EXDEV;
-    nuvLogTo( source ) << "errno " << errno;
+    nuvLogTo( mySource ) << ++nbrOfCalls << ' ' << 0.5 << " %s " << std::string( "a\0b\n", 4 )
+                         << errno;
     EXPECT_EQ( EXDEV, errno );
-    EXPECT_TRUE( capture.contains( "errno " + std::to_string( EXDEV ) ) );
+    EXPECT_EQ( Lines{ "zone " + std::string( "1 0.5 %s a\0b\n", 13 ) + std::to_string( EXDEV ) },
+               lines( myCapture ) );
 }
 
-TEST( LogStatement, FormatOfOneMessageDoesNotReachTheNext )
+TEST_F( LogZone, NothingOfAMessageReachesTheNext )
 {
-    const PlainZone zone( "format" );
-    const Source source( error, "format" );
-    Capture capture( "format" );
     {
-        Helper helper( source );
+        Helper helper( mySource );
         helper.logStream() << std::hex << std::showbase << std::uppercase << std::setfill( '*' )
                            << std::setprecision( 2 ) << 255 << ' ' << std::setw( 4 ) << 1;
         helper.logStream().exceptions( std::ios_base::failbit );
         helper.logStream().width( 9 );
     }
-    nuvLogTo( source ) << 255 << ' ' << std::setw( 3 ) << 1 << ' ' << 1.23456;
-    Helper( source ).logStream().setstate( std::ios_base::failbit );
-    nuvLogTo( source ) << std::string( 100000, 'x' );
-    nuvLogTo( source ) << "after";
-    EXPECT_EQ( ( Lines{ "0XFF *0X1", "255   1 1.23456", "", std::string( 100000, 'x' ), "after" } ),
-               lines( capture ) );
-}
-
-TEST( LogStatement, NumbersFollowTheGlobalLocale )
-{
-    struct Grouping : std::numpunct< char >
-    {
-        std::string do_grouping() const override { return "\3"; }
-        char do_thousands_sep() const override { return '\''; }
-    };
-    const PlainZone zone( "locale" );
-    const Source source( error, "locale" );
-    Capture capture( "locale" );
-    nuvLogTo( source ) << 1234567;
-    const std::locale before =
-        std::locale::global( std::locale( std::locale::classic(), new Grouping ) );
-    nuvLogTo( source ) << 1234567;
-    std::locale::global( before );
-    nuvLogTo( source ) << 1234567;
-    EXPECT_EQ( ( Lines{ "1234567", "1'234'567", "1234567" } ), lines( capture ) );
-}
-
-TEST( LogStatement, AllocatesNothingOnceTheThreadHasLogged )
-{
-    const PlainZone zone( "allocates", debug, 0x7F );
-    const Source source( error, "allocates" );
-    for ( int i = 0; i < 3; ++i ) {
-        ourNbrOfAllocations = 0;
-        nuvLogTo( source ) << "into a file " << i << " of more than the first 128 bytes: "
-                           << "0123456789012345678901234567890123456789" << 'x' << 1.5;
-    }
-    EXPECT_EQ( 0, ourNbrOfAllocations );
-}
-
-TEST( LogStatement, ExceptionOfAnOperandPassesAndWhatWasWrittenIsEmitted )
-{
-    const PlainZone zone( "throws" );
-    const Source source( error, "throws" );
-    Capture capture( "throws" );
+    nuvLogTo( mySource ) << 255 << ' ' << std::setw( 3 ) << 1 << ' ' << 1.23456;
+    Helper( mySource ).logStream().setstate( std::ios_base::failbit );
+    nuvLogTo( mySource ) << std::string( 100000, 'x' );
     const auto fail = []() -> int { throw std::runtime_error( "operand" ); };
-    EXPECT_THROW( nuvLogTo( source ) << "begun " << fail(), std::runtime_error );
-    nuvLogTo( source ) << "next";
-    EXPECT_EQ( ( Lines{ "begun ", "next" } ), lines( capture ) );
+    EXPECT_THROW( nuvLogTo( mySource ) << "begun " << fail(), std::runtime_error );
+    nuvLogTo( mySource ) << "next";
+    EXPECT_EQ( ( Lines{ "0XFF *0X1", "255   1 1.23456", "", std::string( 100000, 'x' ), "begun ",
+                        "next" } ),
+               lines( myCapture ) );
 }
 
-TEST( LogReentry, MessageWithinAMessageIsDropped )
+TEST_F( LogZone, MessageWithinAMessageIsDropped )
 {
-    const PlainZone zone( "inner" );
-    const Source source( error, "inner" );
-    Capture capture( "inner" );
-    const auto inner = [&source] {
-        nuvLogTo( source ) << "dropped";
+    const auto inner = [this] {
+        nuvLogTo( mySource ) << "dropped";
         return "outer";
     };
-    nuvLogTo( source ) << inner();
+    nuvLogTo( mySource ) << inner();
     {
-        const Helper outer( source );
-        std::thread( [&source] { nuvLogTo( source ) << "other thread"; } ).join();
+        const Helper outer( mySource );
+        std::thread( [this] { nuvLogTo( mySource ) << "other thread"; } ).join();
     }
-    nuvLogTo( source ) << "next";
-    EXPECT_EQ( ( Lines{ "outer", "other thread", "", "next" } ), lines( capture ) );
+    nuvLogTo( mySource ) << "next";
+    EXPECT_EQ( ( Lines{ "outer", "other thread", "", "next" } ), lines( myCapture ) );
 }
 
-TEST( LogThreads, EndingThreadMayLogFromItsOwnDestructors )
+TEST_F( LogZone, EndingThreadMayLogFromItsOwnDestructors )
 {
-    const PlainZone zone( "ending" );
-    static const Source source( error, "ending" );
+    static const Source* ourSourcePtr;
+    ourSourcePtr = &mySource;
     struct LogsAtEnd
     {
-        ~LogsAtEnd() { nuvLogTo( source ) << "end " << std::setw( 3 ) << 1; }
+        ~LogsAtEnd() { nuvLogTo( *ourSourcePtr ) << "end " << std::setw( 3 ) << 1; }
     };
-    Capture capture( "ending" );
     std::thread( [] {
         static thread_local LogsAtEnd object;
         static_cast< void >( object ); // destroyed after the stream of the first message
-        nuvLogTo( source ) << "first";
+        nuvLogTo( *ourSourcePtr ) << "first";
     } ).join();
-    EXPECT_EQ( ( Lines{ "first", "end   1" } ), lines( capture ) );
+    EXPECT_EQ( ( Lines{ "first", "end   1" } ), lines( myCapture ) );
 }
 
-TEST( LogThreads, SourcesOfManyThreadsComeAndGoWhileOthersLog )
+TEST_F( LogZone, SourcesOfManyThreadsComeAndGoWhileOthersLog )
 {
-    const PlainZone zone( "threads" );
-    Capture capture( "threads" );
     std::vector< std::thread > threads;
     for ( int t = 0; t < 4; ++t ) {
         threads.emplace_back( [] {
             for ( int i = 0; i < 100; ++i ) {
-                const SourceSet sources( "threads" );
+                const SourceSet sources( "zone" );
                 nuvLogTo( sources.source( warning ) ) << "line";
-                LogAppHelper::zoneFlags( 0, "threads" );
+                LogAppHelper::zoneFlags( 0, "zone" );
             }
         } );
     }
     for ( std::thread& thread : threads )
         thread.join();
-    EXPECT_EQ( Lines( 400, "line" ), lines( capture ) );
+    EXPECT_EQ( Lines( 400, "line" ), lines( myCapture ) );
 }
 
-TEST( LogDump, RowsShowOffsetBytesAndCharacters )
+TEST_F( LogZone, DumpHasRowsOfOffsetBytesAndCharacters )
 {
-    const PlainZone zone( "dump" );
-    const Source source( debug, "dump" );
-    Capture capture( "dump" );
-    source.dump( "AB\n", 3, "hdr" );
-    source.dump( "", 0, "title" );
-    source.dump( "0123456789abcdef\x80", 17, nullptr );
-    const std::string blank3 = "   ";
-    std::string row2 = "  0010: 80 ";
-    for ( int i = 0; i < 7; ++i )
-        row2 += blank3;
-    row2 += "| ";
-    for ( int i = 0; i < 8; ++i )
-        row2 += blank3;
-    EXPECT_EQ(
-        ( Lines{
-            "hdr\n  0000: 41 42 0A                | " + std::string( 24, ' ' ) + " [AB." +
-                std::string( 13, ' ' ) + "]\n",
-            "title\n",
-            "\n  0000: 30 31 32 33 34 35 36 37 | 38 39 61 62 63 64 65 66  [0123456789abcdef]\n" +
-                row2 + " [." + std::string( 15, ' ' ) + "]\n" } ),
-        lines( capture ) );
-    capture.clear();
-    source.dump( std::string( 65552, 'x' ).data(), 65552, nullptr );
-    EXPECT_TRUE( capture.contains( "\n  FFF0: 78" ) );
-    EXPECT_TRUE( capture.contains( "\n  10000: 78" ) );
-    LogAppHelper::zoneSeverity( "none", "dump" );
-    capture.clear();
-    source.dump( "x", 1, nullptr );
-    EXPECT_EQ( Lines{}, lines( capture ) );
+    mySource.dump( "", 0, "title" );
+    mySource.dump( "0123456789abcdef\x80", 17, nullptr );
+    const std::string row =
+        "  0000: 30 31 32 33 34 35 36 37 | 38 39 61 62 63 64 65 66  [0123456789abcdef]\n";
+    const std::string row2 = "  0010: 80 " + std::string( 21, ' ' ) + "| " +
+                             std::string( 24, ' ' ) + " [." + std::string( 15, ' ' ) + "]\n";
+    EXPECT_EQ( ( Lines{ "title\n", "\n" + row + row2 } ), lines( myCapture ) );
+    mySource.dump( std::string( 65552, 'x' ).data(), 65552, nullptr );
+    EXPECT_TRUE( myCapture.contains( "\n  FFF0: 78" ) && myCapture.contains( "\n  10000: 78" ) );
+    LogAppHelper::zoneSeverity( "none", "zone" );
+    mySource.dump( "x", 1, nullptr );
+    EXPECT_EQ( 3u, lines( myCapture ).size() );
 }
 
-TEST( LogBuffer, TextIsCutAtTheMaximumAndAtANul )
+TEST_F( LogZone, BufferIsCutAtTheMaximumAndAtANul )
 {
-    const PlainZone zone( "Nuv" );
-    Capture capture( "Nuv" );
+    const Capture capture( "Nuv" );
     logBuffer( "p: ", Utils::Buffer( "0123456789" ), 4 );
     logBuffer( "p: ", Utils::Buffer( "0123456789" ), 10 );
     logBuffer( "p: ", Utils::Buffer( "ab\0cd", 5 ), 9 );
@@ -337,53 +204,24 @@ TEST( LogBuffer, TextIsCutAtTheMaximumAndAtANul )
                lines( capture ) );
 }
 
-TEST( LogAssertion, FailureIsAFatalMessageOnceTheProcessLogs )
+TEST_F( LogZone, FailedAssertionIsAFatalMessageOnceTheProcessLogs )
 {
-    getStandardSource( debug );
-    Capture capture( "Syslog" );
+    const Capture capture( "Syslog" );
     EXPECT_THROW( nuvAssert( 1 == 2, "three" ), LogicException );
-    ASSERT_EQ( 1u, capture.messages().size() );
-    EXPECT_EQ( fatal, capture.messages()[0].severity );
-    EXPECT_TRUE(
-        capture.contains( "nuvAssert: Condition failed: 1 == 2,  three (FILE: nuvLogTest" ) );
-    // One that fails within a message cannot recurse.
-    const PlainZone zone( "asserts" );
-    const Source source( error, "asserts" );
     const auto fail = []() -> int {
         nuvAssert( 1 == 3 );
         return 0;
     };
-    EXPECT_THROW( nuvLogTo( source ) << fail(), LogicException );
-    EXPECT_EQ( 1u, capture.messages().size() );
-}
+    EXPECT_THROW( nuvLogTo( mySource ) << fail(), LogicException );
+    ASSERT_EQ( 1u, capture.messages().size() ) << "within a message it cannot recurse";
+    EXPECT_EQ( fatal, capture.messages()[0].severity );
+    EXPECT_TRUE(
+        capture.contains( "nuvAssert: Condition failed: 1 == 2,  three (FILE: nuvLogTest" ) );
 
-TEST( LogAssertion, FailureBeforeTheProcessLogsOnlyThrows )
-{
     const NuvTest::TemporaryFolder home;
     const NuvTest::Outcome outcome = NuvTest::runProgram(
         NuvTest::program( "logProbe" ), { { "assert" }, { "HOME=" + home.path() } } );
-    EXPECT_EQ( "LogicException\nno manager\n", outcome.output );
-}
-
-TEST( LogCapture, NestsAndTakesItsZoneOnly )
-{
-    const PlainZone zoneA( "a" );
-    const PlainZone zoneB( "b" );
-    const Source a( error, "a" );
-    const Source b( error, "b" );
-    Capture all;
-    auto innerPtr = std::make_unique< Capture >( "a" );
-    nuvLogTo( a ) << 1;
-    nuvLogTo( b ) << 2;
-    {
-        const Capture innermost;
-        innerPtr.reset(); // not the newest
-        nuvLogTo( a ) << 3;
-        EXPECT_EQ( Lines{ "3" }, lines( innermost ) );
-    }
-    nuvLogTo( a ) << 4;
-    EXPECT_EQ( ( Lines{ "2", "4" } ), lines( all ) );
-    EXPECT_EQ( "b", all.messages()[0].zoneName );
+    EXPECT_EQ( "LogicException\nno manager\n", outcome.output ) << "in one that does not";
 }
 
 } // namespace
