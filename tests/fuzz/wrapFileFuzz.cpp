@@ -6,10 +6,10 @@
 #include "nuvLogFile.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Nuv;
@@ -22,40 +22,22 @@ void require( bool condition )
         std::abort();
 }
 
-const std::string& pathname()
-{
-    static const std::string ourPathname =
-        ( ::access( "/dev/shm", W_OK ) == 0 ? "/dev/shm/wrapFileFuzz." : "/tmp/wrapFileFuzz." ) +
-        std::to_string( ::getpid() );
-    return ourPathname;
-}
+// In memory, for each process of a fuzz run its own.
+const std::string ourPathname = "/dev/shm/wrapFileFuzz." + std::to_string( ::getpid() );
 
-void put( const char* bytesPtr, std::size_t nbrOfBytes )
+std::uint64_t fileSize()
 {
-    std::FILE* const filePtr = std::fopen( pathname().c_str(), "w" );
-    require( filePtr != nullptr );
-    require( std::fwrite( bytesPtr, 1, nbrOfBytes, filePtr ) == nbrOfBytes );
-    require( std::fclose( filePtr ) == 0 );
-}
-
-std::uint64_t size()
-{
-    struct stat status;
-    require( ::stat( pathname().c_str(), &status ) == 0 );
-    return static_cast< std::uint64_t >( status.st_size );
+    return std::filesystem::file_size( ourPathname );
 }
 
 /// @return the last line; each byte of the file is given at most once
-std::string readAll( Log::LogFileReader& reader, std::uint64_t nbrOfBytes )
+std::string readAll( Log::LogFileReader& reader )
 {
-    std::string line;
-    std::string last;
     std::uint64_t sum = 0;
-    while ( reader.readLine( &line ) ) {
+    std::string last;
+    for ( std::string line; reader.readLine( &line ); last = line )
         sum += line.size();
-        last = line;
-    }
-    require( sum <= nbrOfBytes );
+    require( sum <= fileSize() );
     return last;
 }
 
@@ -63,20 +45,20 @@ void writeAndRead( std::uint64_t maxSize )
 {
     const std::string message = "the new message";
     Log::LogFileWriter writer;
-    require( writer.open( pathname(), maxSize ) );
+    require( writer.open( ourPathname, maxSize ) );
     require( maxSize == 0 || writer.position() <= maxSize );
     require( writer.write( message ) );
     Log::LogFileWriter next;
-    require( next.open( pathname(), maxSize ) );
-    if ( maxSize != 0 && size() <= maxSize + Log::LogFileWriter::nbrOfToleratedBytes )
+    require( next.open( ourPathname, maxSize ) );
+    if ( maxSize != 0 && fileSize() <= maxSize + Log::LogFileWriter::nbrOfToleratedBytes )
         require( next.position() == writer.position() );
     if ( maxSize == 0 || writer.position() == 0 )
         return;
-    Log::LogFileReader reader( pathname(), maxSize );
-    require( readAll( reader, size() ).ends_with( message ) );
+    Log::LogFileReader reader( ourPathname, maxSize );
+    require( readAll( reader ).ends_with( message ) );
     require( writer.write( "a later one" ) );
     if ( writer.position() != 0 )
-        require( readAll( reader, size() ) == "a later one" );
+        require( readAll( reader ) == "a later one" );
 }
 
 } // namespace
@@ -86,12 +68,12 @@ extern "C" int LLVMFuzzerTestOneInput( const uint8_t* dataPtr, size_t nbrOfBytes
     if ( nbrOfBytes < 2 )
         return 0;
     const std::uint64_t maxSize = dataPtr[0] + dataPtr[1] * 256u;
-    put( reinterpret_cast< const char* >( dataPtr ) + 2, nbrOfBytes - 2 );
-    {
-        Log::LogFileReader reader( pathname(), maxSize );
-        readAll( reader, nbrOfBytes );
-    }
+    std::ofstream( ourPathname, std::ios::binary )
+        .write( reinterpret_cast< const char* >( dataPtr ) + 2,
+                static_cast< std::streamsize >( nbrOfBytes - 2 ) );
+    Log::LogFileReader reader( ourPathname, maxSize );
+    readAll( reader );
     writeAndRead( maxSize );
-    ::unlink( pathname().c_str() );
+    ::unlink( ourPathname.c_str() );
     return 0;
 }

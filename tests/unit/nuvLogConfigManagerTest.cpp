@@ -133,9 +133,16 @@ TEST_F( LogConfig, PresetWinsOverOverrideWinsOverFile )
 
 TEST_F( LogConfig, FullZoneTableGivesRecordsOfTheProcessAndAFullPresetTableRefuses )
 {
-    EXPECT_EQ( "101 presets, 4 refused\n1\n0\nx warning 7e main\n0\nx debug 7e main\n",
-               run( { "presets 105", "severity preset100 debug", "severity x debug", "zone x",
-                      "severity x debug", "zone x" } ) );
+    std::vector< std::string > commands;
+    for ( int i = 0; i < 103; ++i )
+        commands.push_back( "severity preset" + std::to_string( i ) + " debug" );
+    commands.insert( commands.end(), { "severity preset100 timing", "zone preset100", "zone x",
+                                       "severity x debug", "zone x" } );
+    std::string expected;
+    for ( int i = 0; i < 103; ++i )
+        expected += i < 101 ? "1\n" : "0\n";
+    EXPECT_EQ( expected + "1\npreset100 timing 7e main\nx warning 7e main\n0\nx debug 7e main\n",
+               run( commands ) );
     configure( "[zone/over]\nseverity = error\nflags = zonename\n" );
     NuvTest::ChildProcess filler( NuvTest::program( "logProbe" ),
                                   start( { "fill 120", "ready", "wait" } ) );
@@ -144,7 +151,7 @@ TEST_F( LogConfig, FullZoneTableGivesRecordsOfTheProcessAndAFullPresetTableRefus
                run( { "zone over", "severity over debug", "zone over", "severity * timing",
                       "flags over 1", "zone over", "log over error text" } ) );
     EXPECT_EQ( "00000000 text\n" + ourMarker, log() );
-    std::string expected;
+    expected.clear();
     for ( int i = 0; i < 100; ++i )
         expected += "fill" + std::to_string( i ) + " timing 7e main\n";
     EXPECT_EQ( expected, run( { "zones" } ) );
@@ -215,11 +222,12 @@ TEST_F( LogConfig, LogApplicationGetsTheLinesOfAllZonesButThoseOfTheSystemLog )
                run( { "zone x", "severity * debug", "flags * 7f", "zones",
                       "severity theLogApplication error", "zone theLogApplication" } ) );
     // 85 entries of 12 bytes leave 8 of 1028; each of 256 then forces many out: one overrun.
-    EXPECT_EQ(
-        "0\n0\n0\n3\n3\n0\n",
-        run( { "source x error", "repeat 85 a", "overruns",
-               "log x error " + std::string( 250, 'b' ), "log x error " + std::string( 250, 'c' ),
-               "log x error " + std::string( 250, 'd' ), "overruns" } ) );
+    std::vector< std::string > commands( 86, "log x error aaaaaa" );
+    commands[0] = "source x error";
+    commands.push_back( "overruns" );
+    commands.insert( commands.end(), 3, "log x error " + std::string( 250, 'b' ) );
+    commands.insert( commands.end(), 2, "overruns" );
+    EXPECT_EQ( "0\n0\n3\n3\n0\n0\n", run( commands ) );
 }
 
 TEST_F( LogConfig, UselessOrClashingSettingsHaveAnOutcome )

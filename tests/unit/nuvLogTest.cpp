@@ -217,11 +217,6 @@ TEST_F( LogZone, FailedAssertionIsAFatalMessageOnceTheProcessLogs )
     EXPECT_EQ( fatal, capture.messages()[0].severity );
     EXPECT_TRUE(
         capture.contains( "nuvAssert: Condition failed: 1 == 2,  three (FILE: nuvLogTest" ) );
-
-    const NuvTest::TemporaryFolder home;
-    const NuvTest::Outcome outcome = NuvTest::runProgram(
-        NuvTest::program( "logProbe" ), { { "assert" }, { "HOME=" + home.path() } } );
-    EXPECT_EQ( "LogicException\nno manager\n", outcome.output ) << "in one that does not";
 }
 
 } // namespace

@@ -7,12 +7,12 @@
 #include "nuvLogConfigManager.h"
 #include "nuvThreadleton.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iostream>
-#include <map>
+#include <iterator>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -38,6 +38,7 @@ struct Late
     Log::Source mySource;
 } ourLate;
 
+/// A command and its words.
 using Words = std::vector< std::string >;
 
 std::vector< std::unique_ptr< Log::Source > > ourSources;
@@ -74,18 +75,6 @@ void printDrain( const std::string& name )
               << options.fileName << ' ' << options.maxSize << ' ' << options.remoteAddr << ' '
               << options.remotePort << std::endl;
     manager().closeDrain( drainPtr );
-}
-
-void failAssertion()
-{
-    try {
-        nuvAssert( 1 == 2 );
-    } catch ( const LogicException& ) {
-        std::cout << "LogicException" << std::endl;
-    }
-    const std::string keyFile =
-        std::string( ::getenv( "HOME" ) ) + "/ixoRoot/tmp/ipc/shm_LogConfigManager";
-    std::cout << ( std::ifstream( keyFile ) ? "manager" : "no manager" ) << std::endl;
 }
 
 void printFifo()
@@ -134,14 +123,15 @@ void pending()
         ourSources.push_back( std::make_unique< Log::Source >( Log::error, namePtr ) );
     ourSources.push_back( std::make_unique< Log::Source >( Log::fatal, "fourth" ) );
     ourSources.erase( ourSources.begin() + 1 );
-    for ( const auto& sourcePtr : ourSources )
-        nuvLogTo( *sourcePtr ) << "lost";
-    nuvLogTo( Log::getStandardSource( Log::error ) ) << "lost";
+    const auto emitAll = []( const char* textPtr ) {
+        for ( const auto& sourcePtr : ourSources )
+            nuvLogTo( *sourcePtr ) << textPtr;
+        nuvLogTo( Log::getStandardSource( Log::error ) ) << textPtr;
+    };
+    emitAll( "lost" );
     semaphore.post();
     builder.join();
-    for ( const auto& sourcePtr : ourSources )
-        nuvLogTo( *sourcePtr ) << "bound";
-    nuvLogTo( Log::getStandardSource( Log::error ) ) << "bound";
+    emitAll( "bound" );
 }
 
 /// Children of a process whose other threads hold any of the locks when it forks.
@@ -177,85 +167,76 @@ void forkWhileLogging()
     std::cout << nbrOfGood << " children" << std::endl;
 }
 
-const std::map< std::string, std::function< void( const Words& ) > > ourCommands = {
-    { "log",
-      []( const Words& words ) {
-          const Log::Source source( severityOf( words[2] ), words[1].c_str() );
-          nuvLogTo( source ) << words[3];
-      } },
-    { "source",
-      []( const Words& words ) {
-          ourSources.push_back(
-              std::make_unique< Log::Source >( severityOf( words[2] ), words[1].c_str() ) );
-      } },
-    { "emit",
-      []( const Words& words ) {
-          for ( const auto& sourcePtr : ourSources )
-              nuvLogTo( *sourcePtr ) << words[1];
-      } },
-    { "repeat",
-      []( const Words& words ) {
-          for ( int i = 0; i < std::stoi( words[1] ); ++i )
-              nuvLogTo( *ourSources.back() ) << words[2] << ' ' << i;
-      } },
-    { "standard",
-      []( const Words& words ) { nuvLogTo( Log::getStandardSource( Log::error ) ) << words[1]; } },
-    { "severity",
-      []( const Words& words ) {
-          std::cout << Log::LogAppHelper::zoneSeverity( words[2].c_str(), zoneArgument( words[1] ) )
-                    << std::endl;
-      } },
-    { "flags",
-      []( const Words& words ) {
-          Log::LogAppHelper::zoneFlags(
-              static_cast< unsigned int >( std::stoul( words[2], nullptr, 16 ) ),
-              zoneArgument( words[1] ) );
-      } },
-    { "zone", []( const Words& words ) { printZone( *manager().openZone( words[1].c_str() ) ); } },
-    { "zones",
-      []( const Words& ) {
-          for ( int i = 0; i < manager().data().nbrOfZones(); ++i )
-              printZone( manager().data().myZones[i] );
-      } },
-    { "fill",
-      []( const Words& words ) {
-          for ( int i = 0; i < std::stoi( words[1] ); ++i )
-              manager().openZone( ( "fill" + std::to_string( i ) ).c_str() );
-      } },
-    { "presets",
-      []( const Words& words ) {
-          int nbrOfRefused = 0;
-          for ( int i = 0; i < std::stoi( words[1] ); ++i )
-              nbrOfRefused += !manager().zoneSeverity( Log::timing,
-                                                       ( "preset" + std::to_string( i ) ).c_str() );
-          std::cout << manager().data().nbrOfPresets() << " presets, " << nbrOfRefused << " refused"
-                    << std::endl;
-      } },
-    { "drain", []( const Words& words ) { printDrain( words[1] ); } },
-    { "fifo", []( const Words& ) { printFifo(); } },
-    { "overruns",
-      []( const Words& ) {
-          for ( const auto mode : { Log::LogAppHelper::keepCount, Log::LogAppHelper::clearCount,
-                                    Log::LogAppHelper::keepCount } )
-              std::cout << Log::LogAppHelper::fifoOverrunCount( mode ) << std::endl;
-      } },
-    { "damage", []( const Words& words ) { damage( words ); } },
-    { "assert", []( const Words& ) { failAssertion(); } },
-    { "late",
-      []( const Words& ) {
-          ourLate.mySource.severity( Log::error );
-          ourLate.mySource.init( "late" );
-          nuvLogTo( ourLate.mySource ) << "in time";
-      } },
-    { "pending", []( const Words& ) { pending(); } },
-    { "fork", []( const Words& ) { forkWhileLogging(); } },
-    { "ready", []( const Words& ) { std::cout << "ready" << std::endl; } },
-    { "wait",
-      []( const Words& ) {
-          std::string line;
-          std::getline( std::cin, line );
-      } },
-};
+void logBeyondTheEnd()
+{
+    ourLate.mySource.severity( Log::error );
+    ourLate.mySource.init( "late" );
+    nuvLogTo( ourLate.mySource ) << "in time";
+}
+
+void emit( const Log::Source& source, const std::string& text )
+{
+    nuvLogTo( source ) << text;
+}
+
+// @return whether the command is one of these
+bool runOnSources( const Words& words )
+{
+    const std::string& command = words[0];
+    if ( command == "log" )
+        emit( Log::Source( severityOf( words[2] ), words[1].c_str() ), words[3] );
+    else if ( command == "source" )
+        ourSources.push_back(
+            std::make_unique< Log::Source >( severityOf( words[2] ), words[1].c_str() ) );
+    else if ( command == "emit" )
+        emit( *ourSources.back(), words[1] );
+    else if ( command == "standard" )
+        emit( Log::getStandardSource( Log::error ), words[1] );
+    else if ( command == "late" )
+        logBeyondTheEnd();
+    else if ( command == "pending" )
+        pending();
+    else if ( command == "fork" )
+        forkWhileLogging();
+    else if ( command == "ready" )
+        std::cout << "ready" << std::endl;
+    else if ( command == "wait" )
+        std::cin.get();
+    else
+        return false;
+    return true;
+}
+
+void runOnTables( const Words& words )
+{
+    using Log::LogAppHelper;
+    const std::string& command = words[0];
+    const Log::ConfigManager::Data& data = manager().data();
+    if ( command == "zone" )
+        printZone( *manager().openZone( words[1].c_str() ) );
+    else if ( command == "zones" )
+        std::for_each( data.myZones, data.myZones + data.nbrOfZones(), &printZone );
+    else if ( command == "fill" )
+        for ( int i = 0; i < std::stoi( words[1] ); ++i )
+            manager().openZone( ( "fill" + std::to_string( i ) ).c_str() );
+    else if ( command == "severity" )
+        std::cout << LogAppHelper::zoneSeverity( words[2].c_str(), zoneArgument( words[1] ) )
+                  << std::endl;
+    else if ( command == "flags" )
+        LogAppHelper::zoneFlags( static_cast< unsigned >( std::stoul( words[2], nullptr, 16 ) ),
+                                 zoneArgument( words[1] ) );
+    else if ( command == "drain" )
+        printDrain( words[1] );
+    else if ( command == "fifo" )
+        printFifo();
+    else if ( command == "overruns" )
+        for ( const auto mode : { LogAppHelper::keepCount, LogAppHelper::clearCount } )
+            std::cout << LogAppHelper::fifoOverrunCount( mode ) << std::endl;
+    else if ( command == "damage" )
+        damage( words );
+    else
+        std::abort();
+}
 
 } // namespace
 
@@ -263,11 +244,10 @@ int main( int argc, char** argv )
 {
     for ( int i = 1; i < argc; ++i ) {
         std::istringstream stream( argv[i] );
-        Words words;
-        for ( std::string word; stream >> word; )
-            words.push_back( word );
+        const Words words( std::istream_iterator< std::string >( stream ), {} );
         try {
-            ourCommands.at( words.at( 0 ) )( words );
+            if ( !runOnSources( words ) )
+                runOnTables( words );
         } catch ( const FixedTextException& e ) {
             std::cout << "exception " << std::string( e.what() ).substr( 0, 59 ) << std::endl;
         }
