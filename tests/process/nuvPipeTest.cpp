@@ -3,6 +3,7 @@
 #include "nuvTestSupport.h"
 
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace Nuv::Io {
@@ -192,6 +193,49 @@ TEST_F( Pipes, ClientOutlivesAServerThatIsKilledAtAnyStep )
         ::unlink( client.inPipeName().c_str() );
         ::unlink( client.outPipeName().c_str() );
     }
+}
+
+TEST_F( Pipes, StoppedServerWaitsForNobodyAnyMore )
+{
+    constexpr char noConnect[] = "The connect to the specified Io::ServerPipe failed.";
+    constexpr char noRead[] = "The read from the specified Io::ServerPipe failed.";
+    for ( const bool isConnected : { false, true } ) {
+        SCOPED_TRACE( isConnected );
+        ServerPipe pipe( "test" );
+        ClientPipe client( "test" );
+        std::thread clientThread( [&] {
+            if ( isConnected )
+                client.connect( 60000, false );
+        } );
+        if ( isConnected )
+            pipe.connect();
+        clientThread.join();
+        std::thread stopper( [&] { pipe.stop(); } );
+        Utils::Buffer message;
+        if ( isConnected ) {
+            EXPECT_EQ( noRead,
+                       textOf< ServerPipe::Exception >( [&] { pipe.readMsg( &message ); } ) );
+        } else {
+            EXPECT_EQ( noConnect, textOf< ServerPipe::Exception >( [&] { pipe.connect(); } ) );
+        }
+        stopper.join();
+        EXPECT_EQ( noConnect, textOf< ServerPipe::Exception >( [&] { pipe.connect(); } ) );
+        EXPECT_THROW( ClientPipe( "test" ).connect( 0, true ), ClientPipe::Exception );
+    }
+}
+
+TEST_F( Pipes, ServerStartsWithoutWhatADeadOneLeftInTheSemaphores )
+{
+    Mt::Semaphore server( "pipe_SrvrConnect_test", 0 );
+    Mt::Semaphore clients( "pipe_ClntConnect_test", 0 );
+    for ( int i = 0; i < 2; ++i ) {
+        server.post();
+        clients.post();
+    }
+    ServerPipe pipe( "test" );
+    NuvTest::ChildProcess client( NuvTest::program( "pipePeer" ), arguments( "echo", "5", "1" ) );
+    serve( pipe, 1 );
+    EXPECT_EQ( 0, client.wait().exitStatus() );
 }
 
 TEST_F( Pipes, MainAppConfSetsTheReadTimeout )
