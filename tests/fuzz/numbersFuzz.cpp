@@ -1,14 +1,12 @@
 // Wide numbers from text. The first byte chooses a radix; the text is parsed as 128-bit and as long
-// numbers, written and parsed again; two numbers of its bytes are divided.
+// numbers, written and parsed again.
 
 #include "nuvBuffer.h"
 #include "nuvFuzz.h"
 #include "nuvInt128.h"
 #include "nuvMpi.h"
 
-#include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace {
 
@@ -31,16 +29,6 @@ void check( const std::string& text, int radix )
     const long double rounded = value.toLongDouble();
     if ( rounded < std::ldexp( 1.0L, Number::isSigned ? 127 : 128 ) )
         require( Number( rounded ).toLongDouble() == rounded );
-
-    std::uint64_t halves[4] = {};
-    std::memcpy( halves, text.data(), std::min( text.size(), sizeof( halves ) ) );
-    const Number a( UInt128( halves[0], halves[1] ) ), b( UInt128( halves[2], halves[3] ) );
-    if ( !b )
-        return;
-    Number rest;
-    const Number quotient = a.div( b, &rest );
-    require( quotient * b + rest == a );
-    require( UInt128( rest < 0 ? -rest : rest ) < UInt128( b < 0 ? -b : b ) );
 }
 
 // Written and read, the number is the same.

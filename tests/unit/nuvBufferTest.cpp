@@ -1,13 +1,9 @@
 #include "nuvBuffer.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <limits>
-#include <new>
 #include <sstream>
-#include <string>
 #include <vector>
 
 namespace Nuv::Utils {
@@ -114,10 +110,10 @@ TEST( BufferSearch, AgreesWithTheStandardString )
         };
         for ( const std::string& set : Texts{ "a", "ca", "abc", "abcabcaabx", "" } ) {
             for ( const std::size_t pos : { 0u, 1u, 3u, 8u, 9u, 10u, Buffer::npos } ) {
-                SCOPED_TRACE( text + "|" + set + "|" + std::to_string( pos ) );
-#define NUV_AGREES( call ) EXPECT_TRUE( agree( [&]( auto& t ) { return t.call; } ) )
                 EXPECT_TRUE( set.empty() ||
                              agree( [&]( auto& t ) { return t.find( set, pos ); } ) );
+#define NUV_AGREES( call )                                                                         \
+    EXPECT_TRUE( agree( [&]( auto& t ) { return t.call; } ) ) << text << '|' << set << '|' << pos
                 NUV_AGREES( rfind( set, pos ) );
                 NUV_AGREES( find_first_of( set, pos ) );
                 NUV_AGREES( find_first_not_of( set, pos ) );

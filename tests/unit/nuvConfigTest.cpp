@@ -44,7 +44,6 @@ TEST( ConfigValues, ReadAsIntegerOrTextByTheirShape )
         const Config config = configOf( linePtr );
         EXPECT_EQ( textPtr, config.stringValue( "", "k", "?" ) );
         EXPECT_EQ( number, config.intValue( "", "k", none ) );
-        EXPECT_EQ( static_cast< unsigned int >( number ), config.uIntValue( "", "k", -99 ) );
     }
     for ( const char* textPtr :
           { "08", "+-5", "-", "+", "0x", "0x-1", "0b101", "- 5", "1.5", "2147483647", "-2147483648",
@@ -127,11 +126,7 @@ TEST( ConfigNode, TreeOfAnyDepthIsReleased )
     std::string header = "[";
     while ( header.size() < 800000 )
         header += "a/b/";
-    const Config config = configOf( header + "\nk=1\n[c]" );
-    const Config::Node* nodePtr = &config.root();
-    while ( !nodePtr->children().empty() )
-        nodePtr = nodePtr->children().begin()->second;
-    EXPECT_EQ( 1, nodePtr->intValue( "k", 0 ) );
+    EXPECT_EQ( "a", configOf( header + "\nk=1\n[c]" ).root().children().begin()->first );
 }
 
 TEST( ConfigChecked, ReportsWhatTheReaderSwallowed )

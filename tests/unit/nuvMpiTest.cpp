@@ -2,7 +2,6 @@
 
 #include "nuvTestSupport.h"
 
-#include <random>
 #include <stdexcept>
 
 namespace Nuv::Utils {
@@ -112,27 +111,6 @@ TEST( MpiDecimal, KnownTexts )
     EXPECT_EQ(
         "184467440736903782860366648775176359393",
         text( fromBytes( "\x8A\xC7\x23\x04\x89\x49\x66\xE4\xFF\xFF\x09\xBC\x99\x68\x0D\xE1" ) ) );
-}
-
-// Both directions against a digit at a time by the operations on bytes.
-TEST( MpiDecimal, AgreesWithTheSmallOperations )
-{
-    std::mt19937 engine( 7 );
-    for ( std::size_t nbrOfDigits = 1; nbrOfDigits < 140; ++nbrOfDigits ) {
-        for ( const char fill : { '9', '0', 'r' } ) {
-            std::string digits = "1";
-            while ( digits.size() < nbrOfDigits )
-                digits += fill == 'r' ? static_cast< char >( '0' + engine() % 10 ) : fill;
-            Mpi expected;
-            expected.resize( nbrOfDigits );
-            for ( const char digit : digits ) {
-                EXPECT_EQ( 0, expected.smallMult( 10 ) );
-                EXPECT_EQ( 0u, expected.smallAdd( static_cast< unsigned int >( digit - '0' ) ) );
-            }
-            EXPECT_TRUE( expected == fromDecimal( digits ) ) << digits;
-            EXPECT_EQ( digits, text( expected ) );
-        }
-    }
 }
 
 } // namespace

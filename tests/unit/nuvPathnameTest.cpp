@@ -3,11 +3,8 @@
 #include "nuvTestSupport.h"
 #include "nuvTestWrap.h"
 
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
-#include <functional>
 #include <sched.h>
 #include <set>
 #include <sstream>
@@ -67,8 +64,7 @@ TEST( PathnameText, IsTakenApartAtTheLastSeparatorAndDot )
 TEST( PathnameText, JoinsNormalisedAndOnlyBelowAValidDirectory )
 {
     const Pathname directory( String( "/srv/x/" ) );
-    EXPECT_EQ( Pathname( directory, "log/" ).str(), "/srv/x/log" );
-    EXPECT_EQ( Pathname( directory, "a/../b" ), Pathname( directory, "b" ) );
+    EXPECT_EQ( Pathname( directory, "a/../b/" ).str(), "/srv/x/b" );
     EXPECT_EQ( Pathname( Pathname( String( "/" ) ), "a" ).str(), "/a" );
     const Pathname invalid( directory, "../../.." );
     EXPECT_FALSE( invalid.isValid() || Pathname( invalid, "etc" ).isValid() );
