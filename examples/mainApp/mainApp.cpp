@@ -65,8 +65,10 @@ bool ask( Io::ClientPipe* pipePtr, std::string* answerPtr )
 
 int Nuv::main( int, char** )
 {
+    constexpr unsigned int handshakeMs = 2000; // a sensor that died is to be known soon
     Stop stop;
     MainAppStatusSetter setter;
+    Io::CtConfig::handshakeTimeoutMs = handshakeMs;
     Io::ClientPipe pipe( "sensord" );
     setter.setExecutionState( stateStarting );
     setter.commitToSharedMemory();

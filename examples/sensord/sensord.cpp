@@ -217,11 +217,11 @@ int Nuv::main( int, char** )
     }
 
     nuvLogTo( source ) << "sensord starts, a sample every " << settings.myIntervalMs << " ms";
-    if ( ourIsCrashing )
-        net.requestCrash();
     for ( Sensor::Sampler* samplerPtr : samplers )
         samplerPtr->start();
     std::cout << "sensord: ready" << std::endl;
+    if ( ourIsCrashing )
+        net.requestCrash();
     Mt::SubsystemInfo::threadletonPtr()->detail()->statusMessage( "sampling" );
 
     obey( &signals, &settings, stationPtr.get(), report );
@@ -246,7 +246,8 @@ int main( int argc, char** argv )
         ->check( CLI::Range( 10u, 3600000u ) );
     app.add_flag( "--control", ourHasControl,
                   "Be the sensor: server pipe \"sensord\", health record, helper program" );
-    app.add_flag( "--crash", ourIsCrashing, "Crash in the first sample, to show the crash report" );
+    app.add_flag( "--crash", ourIsCrashing,
+                  "Crash in one of the first samples, to show the crash report" );
     try {
         app.parse( argc, argv );
     } catch ( const CLI::ParseError& error ) {
