@@ -308,6 +308,12 @@ Outcome runInChild( const std::function< void() >& body, std::chrono::millisecon
     return ChildProcess( body ).wait( timeout );
 }
 
+void passInChild( const std::function< void() >& body )
+{
+    const Outcome outcome = runInChild( body );
+    EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.output << outcome.errors;
+}
+
 Outcome runProgram( const std::string& programPath, const Start& start,
                     std::chrono::milliseconds timeout )
 {

@@ -152,6 +152,8 @@ Outcome runInChild( const std::function< void() >& body,
                     std::chrono::milliseconds timeout = wideTimeout );
 Outcome runProgram( const std::string& programPath, const Start& start = {},
                     std::chrono::milliseconds timeout = wideTimeout );
+/// Runs the function in a forked child; a test failure, with what it wrote, unless it passes there.
+void passInChild( const std::function< void() >& body );
 
 /// @return the pathname of a helper program (tests/process/programs/NAME.cpp) of this width
 std::string program( const std::string& name );

@@ -2,7 +2,7 @@
 //
 // OBSERVER: "claim" and "ignore" attach an observer that prints "signal N" for each signal and
 // claims it or not; that of "throw" throws, that of "overflow" recurses without end; "none"
-// attaches none, "nohandler" makes no signal handler.
+// attaches none.
 
 #include "nuvMainThread.h"
 #include "nuvSemaphore.h"
@@ -22,6 +22,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <typeinfo>
 #include <unistd.h>
 
@@ -112,48 +113,20 @@ constexpr unsigned int ( *throwers[] )() = {
 // Each interruption is sent at once after the last one was answered: wherever the thread is then.
 int interruptOften()
 {
-    int toThread[2];
-    int answers[2];
-    if ( ::pipe( toThread ) != 0 || ::pipe( answers ) != 0 )
-        return 1;
+    std::atomic< int > nbrOfAnswers = 0;
     Body answer = [&] {
-        pollfd descriptor{ toThread[0], POLLIN, 0 };
-        int n = 0;
-        while ( ( n = Mt::InterruptibleCall::poll( &descriptor, 1, -1 ) ) == -1 &&
-                errno == EINTR ) {
-            if ( ::write( answers[1], "", 1 ) != 1 )
-                return 1u;
-        }
-        return n == 1 ? 0u : 1u;
+        while ( nbrOfAnswers < ourArgument && Mt::InterruptibleCall::poll( nullptr, 0, -1 ) == -1 &&
+                errno == EINTR )
+            ++nbrOfAnswers;
+        return nbrOfAnswers == ourArgument ? 0u : 1u;
     };
     Task task( "reader", &answer );
-    char c;
     for ( int i = 0; i < ourArgument; ++i ) {
         Mt::SignalHandler::interruptSystemCall( task.threadId() );
-        if ( ::read( answers[0], &c, 1 ) != 1 )
-            return 1;
+        while ( nbrOfAnswers == i )
+            std::this_thread::yield();
     }
-    return ::write( toThread[1], "", 1 ) == 1 && task.result() == 0 ? listen() : 1;
-}
-
-// Interrupted until read() itself has been met.
-int interruptRead()
-{
-    int fds[2];
-    if ( ::pipe( fds ) != 0 )
-        return 1;
-    Body read = [&] {
-        const Mt::InterruptibleCall call;
-        char c;
-        return !call.isInterrupted() && ::read( fds[0], &c, 1 ) >= 0 ? 1u
-               : errno == EINTR                                      ? 0u
-                                                                     : 2u;
-    };
-    Task task( "reader", &read );
-    while ( !task.waitForTaskCompletion( 1 ) ) {
-        Mt::SignalHandler::interruptSystemCall( task.threadId() );
-    }
-    return task.exitCode();
+    return task.result() == 0 ? listen() : 1;
 }
 
 int showRecords()
@@ -281,60 +254,43 @@ int forkAndSignal()
     return status;
 }
 
-template < class Result >
 struct Mode
 {
     const char* namePtr;
-    Result ( *functionPtr )();
+    int ( *functionPtr )();
 };
 
-// Arrays, which outlive the exit handlers: another thread may be using them then.
-constexpr Mode< void > crashes[] = {
-    { "segv", &segv },
-    { "abrt", &std::abort },
-    { "fpe", &fpe },
-    { "ill", [] { asm volatile( "ud2" ); } },
-    { "bus", &bus },
-    { "malloc", &insideMalloc },
-    { "two", &twoThreads },
-    { "abortMeanwhile", &abortMeanwhile },
-    { "forkedChild", &forkedChild },
-    { "overflow", [] { overflow( 0 ); } },
-    { "core", // enabled, but too small for one to be written
-      [] {
-          limitCoreFile( 1 );
-          segv();
-      } },
-};
-
-constexpr Mode< int > modes[] = {
+// An array, which outlives the exit handlers: another thread may be using it then.
+constexpr Mode modes[] = {
     { "return", [] { return ourArgument; } },
     { "exit", []() -> int { std::exit( ourArgument ); } },
     { "throw", [] { return static_cast< int >( throwers[ourArgument - 1]() ); } },
     { "listen", &listen },
-    { "raise",
-      [] {
-          Mt::SignalHandler::raise( ourArgument );
-          return listen();
-      } },
+    { "raise", [] { return Mt::SignalHandler::raise( ourArgument ), listen(); } },
     { "interrupt", &interruptOften },
-    { "interruptRead", &interruptRead },
     { "records", &showRecords },
     { "forkExit", &forkAndExit },
     { "forkSignal", &forkAndSignal },
+    { "segv", [] { return segv(), 0; } },
+    { "abrt", []() -> int { std::abort(); } },
+    { "fpe", [] { return fpe(), 0; } },
+    { "ill", []() -> int { __builtin_trap(); } },
+    { "bus", [] { return bus(), 0; } },
+    { "malloc", [] { return insideMalloc(), 0; } },
+    { "two", [] { return twoThreads(), 0; } },
+    { "forkedChild", [] { return forkedChild(), 0; } },
+    { "abortMeanwhile", [] { return abortMeanwhile(), 0; } },
+    { "overflow", [] { return overflow( 0 ); } },
+    // Enabled, but too small for a file to be written.
+    { "core", [] { return limitCoreFile( 1 ), segv(), 0; } },
 };
 
 } // namespace
 
 int Nuv::main( int, char** argv )
 {
-    const std::string_view name = argv[2];
-    for ( const auto& crash : crashes ) {
-        if ( name == crash.namePtr )
-            crash.functionPtr();
-    }
-    for ( const auto& mode : modes ) {
-        if ( name == mode.namePtr )
+    for ( const Mode& mode : modes ) {
+        if ( std::string_view( argv[2] ) == mode.namePtr )
             return mode.functionPtr();
     }
     return 127;
@@ -342,16 +298,12 @@ int Nuv::main( int, char** argv )
 
 int main( int argc, char** argv )
 {
-    if ( argc < 3 )
-        return 127;
     limitCoreFile( 0 );
     ourArgument = argc > 3 ? std::atoi( argv[3] ) : 0;
     Printer printer;
     printer.myKind = argv[1];
-    if ( printer.myKind != "nohandler" ) {
-        Mt::SignalHandler* const handlerPtr = Mt::SignalHandler::singletonPtr();
-        if ( printer.myKind != "none" )
-            handlerPtr->attach( &printer );
-    }
+    Mt::SignalHandler* const handlerPtr = Mt::SignalHandler::singletonPtr();
+    if ( printer.myKind != "none" )
+        handlerPtr->attach( &printer );
     return Mt::startMainThread( argc, argv );
 }
