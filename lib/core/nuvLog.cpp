@@ -212,6 +212,9 @@ constexpr char ourStandardZoneName[] = "Nuv";
 class StandardSourceSet : public SourceSet
 {
 public:
+    /// Other threads may log while the process exits. The manager's end unbinds the sources.
+    static constexpr bool outlivesExit = true;
+
     static StandardSourceSet* singletonPtr();
     static StandardSourceSet* ptrIfBuilt()
     {

@@ -198,7 +198,7 @@ private:
     std::array< Source, nbrOfMessageSeverities > mySources;
 };
 
-/// The library's own sources, zone "Nuv"; made on first use, destroyed at exit.
+/// The library's own sources, zone "Nuv"; made on first use, unbound at exit.
 ///
 /// Never throws: where the log configuration manager cannot be built (say, without access to the
 /// interprocess objects), or while it is being built, the sources are unbound, and binding is tried
@@ -275,7 +275,9 @@ namespace Nuv::Utils {
 class NUV_API CtlTransImplLogSourceSet : public Log::SourceSet
 {
 public:
+    /// Made on first use; unbound, not destroyed, at exit.
     static CtlTransImplLogSourceSet* singletonPtr();
+    static constexpr bool outlivesExit = true;
 
     Log::Source* sourcePtr( unsigned int index ) const { return mySourcePtrs[index]; }
 

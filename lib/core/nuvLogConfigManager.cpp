@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <deque>
+#include <list>
 #include <new>
 #include <pthread.h>
 #include <string_view>
+#include <utility>
 
 namespace Nuv::Log {
 
@@ -44,7 +46,7 @@ struct PendingSource
 Mt::Mutex ourBindingMutex;
 constinit std::atomic< bool > ourIsComplete = false;
 constinit bool ourIsUnderConstruction = false;
-constinit bool ourIsEnded = false; // at process exit
+constinit std::atomic< bool > ourIsEnded = false; // at process exit
 constinit thread_local bool ourIsBuilder = false;
 
 /// Never destroyed: sources may outlive every static object.
@@ -69,6 +71,8 @@ Progress enterProtocol( Source* sourcePtr, const char* zoneNamePtr )
     // pending sources, which takes the two in this order.
     if ( ourIsComplete.load( std::memory_order_acquire ) )
         return Progress::complete;
+    if ( ourIsEnded.load( std::memory_order_relaxed ) ) // the lock may be gone
+        return Progress::ended;
     const Mt::MutexLock lock( ourBindingMutex );
     if ( ourIsComplete.load( std::memory_order_relaxed ) )
         return Progress::complete;
@@ -241,6 +245,26 @@ void ConfigManager::openLogApp()
     myIsLogAppEnabled = true;
 }
 
+namespace {
+
+// What other threads may still use while the process exits is never destroyed.
+Drain* ourRetiredDrainsPtr = nullptr;
+
+/// Zones for which the shared table has no room. With the manager's mutex held.
+std::list< Zone >& localZones()
+{
+    static std::list< Zone >& ourZones = *new std::list< Zone >;
+    return ourZones;
+}
+
+} // namespace
+
+void ConfigManager::retire( Drain* drainPtr )
+{
+    if ( drainPtr != nullptr )
+        drainPtr->myNextRetiredPtr = std::exchange( ourRetiredDrainsPtr, drainPtr );
+}
+
 /// With the manager's own reference, which it never gives back.
 std::unique_ptr< Drain > ConfigManager::makeOwnDrain( const DrainName& name,
                                                       const Drain::Options& options )
@@ -261,18 +285,18 @@ ConfigManager::~ConfigManager()
     const Mt::MutexLock lock( myMutex );
     for ( Source* const sourcePtr : mySources )
         sourcePtr->unbind();
+    Mt::SemaphoreLock semaphoreLock( &mySemaphore, Mt::SemaphoreLock::stateUnlocked );
+    semaphoreLock.lockOrLog(); // if it is gone, there is nobody to be kept out
+    if ( myInterprocessDrainPtr != nullptr )
+        myInterprocessDrainPtr->close();
+    mySharedMemoryPtr->detachLeavingCopy();
+    mySharedMemoryPtr.reset();
     for ( const auto& [name, drainPtr] : myDrainMap ) {
         if ( drainPtr != myLogAppDrainPtr.get() && drainPtr != myInterprocessDrainPtr.get() )
-            delete drainPtr;
+            retire( drainPtr );
     }
-    try {
-        const Mt::SemaphoreLock semaphoreLock( &mySemaphore );
-        myInterprocessDrainPtr.reset();
-        myLogAppDrainPtr.reset();
-        mySharedMemoryPtr.reset();
-    } catch ( ... ) {
-        // The semaphore is gone: there is nobody to be kept out.
-    }
+    retire( myInterprocessDrainPtr.release() );
+    retire( myLogAppDrainPtr.release() );
 }
 
 // -------------------------------------------------------------------------------------- zones
@@ -317,7 +341,7 @@ Zone* ConfigManager::findOrCreateZone( const ZoneName& name )
     }
     const Zone zone = newZone( name );
     if ( zonePtr == nullptr )
-        return &myLocalZones.emplace_back( zone );
+        return &localZones().emplace_back( zone );
     *zonePtr = zone;
     __atomic_store_n( &myDataPtr->myNbrOfZones, myDataPtr->nbrOfZones() + 1, __ATOMIC_RELEASE );
     return zonePtr;
@@ -385,7 +409,7 @@ void ConfigManager::changeZones( const char* zoneNamePtr, const Change& change )
         if ( zoneNamePtr == nullptr || myDataPtr->myZones[i].myName == name )
             change( myDataPtr->myZones[i] );
     }
-    for ( Zone& zone : myLocalZones ) {
+    for ( Zone& zone : localZones() ) {
         if ( zoneNamePtr == nullptr || zone.myName == name )
             change( zone );
     }
@@ -444,8 +468,10 @@ void ConfigManager::bindStandard()
 void ConfigManager::release( Source& source )
 {
     const Mt::MutexLock lock( myMutex );
+    Drain* const drainPtr = source.drainPtr();
     mySources.erase( &source );
-    closeDrain( source.drainPtr() );
+    source.unbind();
+    closeDrain( drainPtr );
 }
 
 Drain* ConfigManager::openDrain( const char* namePtr )
@@ -453,13 +479,17 @@ Drain* ConfigManager::openDrain( const char* namePtr )
     const DrainName name( namePtr );
     const Mt::MutexLock lock( myMutex );
     Drain*& drainPtr = myDrainMap[name];
-    if ( drainPtr == nullptr ) {
+    if ( drainPtr == nullptr || drainPtr->myReferenceCount == 0 ) {
         try {
             Drain::Options options;
             getDrainOptions( name, &options );
-            drainPtr = new Drain( name.cStr(), options, myFacility );
+            if ( drainPtr == nullptr )
+                drainPtr = new Drain( name.cStr(), options, myFacility );
+            else
+                drainPtr->open( options, myFacility );
         } catch ( ... ) {
-            myDrainMap.erase( name );
+            if ( drainPtr == nullptr )
+                myDrainMap.erase( name );
             throw;
         }
     }
@@ -472,10 +502,8 @@ void ConfigManager::closeDrain( Drain* drainPtr )
     if ( drainPtr == nullptr )
         return;
     const Mt::MutexLock lock( myMutex );
-    if ( --drainPtr->myReferenceCount > 0 )
-        return;
-    myDrainMap.erase( drainPtr->name() );
-    delete drainPtr;
+    if ( drainPtr->myReferenceCount > 0 && --drainPtr->myReferenceCount == 0 )
+        drainPtr->close();
 }
 
 void ConfigManager::getDrainOptions( const DrainName& name, Drain::Options* optionsPtr ) const

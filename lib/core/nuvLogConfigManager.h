@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -54,7 +53,9 @@ public:
 /// Errors:  construction passes on what semaphore, segment and FIFO throw: ResourceException, also
 ///          for a segment of another size. Configuration errors are silent.
 /// Owns:    the drains; segment and semaphore are removed by their last user. At process exit it
-///          unbinds the sources that outlive it.
+///          unbinds the sources that outlive it; threads that go on logging then lose their
+///          messages, no more. For their sake a drain that is closed stays in memory, to be opened
+///          again.
 /// Bytes:   the segment "LogConfigManager", see Data. Counts and severities found out of range are
 ///          taken for the nearest possible value; nothing is ever written past the segment.
 /// Example: Log::Zone* const zonePtr = Log::ConfigManager::singletonPtr()->openZone( "myZone" );
@@ -150,6 +151,7 @@ private:
 
     void initialiseSegment();
     void openLogApp();
+    static void retire( Drain* drainPtr );
     std::unique_ptr< Drain > makeOwnDrain( const DrainName& name, const Drain::Options& options );
     Zone* findOrCreateZone( const ZoneName& name );
     Zone newZone( const ZoneName& name ) const;
@@ -178,7 +180,6 @@ private:
     int myFacility = 0;
     DrainName myFifoDrainName;
     std::map< ZoneName, Zone* > myZoneMap;
-    std::list< Zone > myLocalZones; // for which the shared table has no room
     std::map< DrainName, Drain* > myDrainMap;
     std::set< Source* > mySources; // bound ones
     Settings mySettings;

@@ -348,8 +348,14 @@ const char* Drain::typeKeyword( Options::Type type )
 
 Drain::Drain( const char* namePtr, const Options& options, int facility )
     : myName( namePtr )
-    , myOptions( options )
 {
+    open( options, facility );
+}
+
+void Drain::open( const Options& options, int facility )
+{
+    const Mt::MutexLock lock( myMutex );
+    myOptions = options;
     switch ( myOptions.type ) {
     case Options::standardError:
         myStreamBufPtr = std::cerr.rdbuf();
@@ -378,7 +384,20 @@ Drain::Drain( const char* namePtr, const Options& options, int facility )
     const bool hasOutput = myStreamBufPtr != nullptr || myFile.isOpen() || myFifoPtr != nullptr;
     if ( !hasOutput && myOptions.type != Options::syslog && myOptions.type != Options::http )
         myOptions.type = Options::null;
+    myIsNull.store( myOptions.type == Options::null, std::memory_order_relaxed );
+    mySequenceNbr.store( 0, std::memory_order_relaxed );
+    myNbrOfLost.store( 0, std::memory_order_relaxed );
     elapsedMs( takeTime() );
+}
+
+void Drain::close()
+{
+    const Mt::MutexLock lock( myMutex );
+    myIsNull.store( true, std::memory_order_relaxed );
+    myOptions.type = Options::null;
+    myStreamBufPtr = nullptr;
+    myFile.close();
+    myFifoPtr.reset();
 }
 
 Drain::~Drain() = default;
@@ -386,7 +405,8 @@ Drain::~Drain() = default;
 void Drain::outputMessage( Severity severity, const Utils::Buffer& message,
                            const char* zoneNamePtr )
 {
-    if ( Capture::take( severity, message, zoneNamePtr ) || myOptions.type == Options::null )
+    if ( Capture::take( severity, message, zoneNamePtr ) ||
+         myIsNull.load( std::memory_order_relaxed ) )
         return;
     const Mt::CancelState disabled;
     const Mt::MutexLock lock( myMutex );

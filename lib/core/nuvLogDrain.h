@@ -119,6 +119,10 @@ private:
     friend class Helper;
     friend class ConfigManager;
 
+    /// Begins anew, as the constructor does.
+    void open( const Options& options, int facility );
+    /// Waits for a message that is being written; what comes later is discarded.
+    void close();
     bool put( Severity severity, const Utils::Buffer& message );
     bool putLine( std::string_view message );
     unsigned int elapsedMs( std::uint64_t localNs );
@@ -135,11 +139,13 @@ private:
     Mt::Mutex myMutex; // behind the configuration manager's in the lock order
     DrainName myName;
     Options myOptions;
+    std::atomic< bool > myIsNull = true;      // read without the mutex
     std::streambuf* myStreamBufPtr = nullptr; // standard streams; borrowed
     LogFileWriter myFile;
     std::unique_ptr< Io::InterprocessFifo > myFifoPtr;
     std::string myLine;       // storage of putLine()
     int myReferenceCount = 0; // guarded by the configuration manager's mutex
+    Drain* myNextRetiredPtr = nullptr;
     std::atomic< std::uint32_t > myNbrOfLost = 0;
     // What every message changes, on any thread, has a cache line of its own.
     alignas( 64 ) std::atomic< std::uint64_t > myLastTime = 0; // of the previous stamp, local, ns

@@ -66,6 +66,8 @@ public:
     /// @return false if the message was lost
     bool write( std::string_view message );
 
+    void close() { myFile.reset(); }
+
     /// Finds the place of the next message anew, by what the file holds now.
     void seekMarker();
 

@@ -6,7 +6,9 @@
 #include "nuvOs.h"
 
 #include <cerrno>
+#include <cstring>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -133,13 +135,30 @@ SharedMemory::~SharedMemory()
     {
         Mt::SemaphoreLock lock( &mySemaphore, Mt::SemaphoreLock::stateUnlocked );
         lock.lockOrLog();
-        ::shmdt( myMemoryPtr );
+        if ( !myIsDetached )
+            ::shmdt( myMemoryPtr );
         errorNbr = removeIfUnused();
     }
     if ( errorNbr != 0 ) {
         nuvLogTo( Log::getStandardSource( Log::error ) )
             << "errSystemError could not remove " << myKeyFileName.cStr() << " errno " << errorNbr;
     }
+}
+
+// To take an attached segment's place is to detach it, in one step.
+void SharedMemory::detachLeavingCopy()
+{
+    const auto pageSize = static_cast< std::size_t >( ::sysconf( _SC_PAGESIZE ) );
+    const std::size_t nbrOfBytes = ( mySize + pageSize - 1 ) / pageSize * pageSize;
+    void* const copyPtr =
+        ::mmap( nullptr, nbrOfBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
+    if ( copyPtr == MAP_FAILED )
+        return;
+    std::memcpy( copyPtr, myMemoryPtr, mySize );
+    myIsDetached = ::mremap( copyPtr, nbrOfBytes, nbrOfBytes, MREMAP_MAYMOVE | MREMAP_FIXED,
+                             myMemoryPtr ) != MAP_FAILED;
+    if ( !myIsDetached )
+        ::munmap( copyPtr, nbrOfBytes );
 }
 
 // @return 0, or the error number of a removal that failed

@@ -44,6 +44,11 @@ public:
     SharedMemory& operator=( const SharedMemory& ) = delete;
     ~SharedMemory();
 
+    /// For the process's end: detaches already now, but leaves private memory of the same contents
+    /// in the place, as long as the process lives, to threads that still read there. The destructor
+    /// does the rest.
+    void detachLeavingCopy();
+
     /// @return the calling thread's errno
     static int getLastError();
 
@@ -65,6 +70,7 @@ private:
     char* myMemoryPtr = nullptr;
     char* myEndPtr = nullptr;
     bool myCreated = false;
+    bool myIsDetached = false;
     unsigned int mySize;
     Mt::Semaphore mySemaphore;
     Utils::SimpleStr myKeyFileName;

@@ -3,7 +3,9 @@
 #include "nuvMutex.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
+#include <new>
 
 namespace Nuv::Utils {
 
@@ -11,14 +13,17 @@ namespace Nuv::Utils {
 ///
 /// The object is built on first use under the class's own mutex, `<Class>SingletonPtrMutex`, and
 /// destroyed at process exit in reverse order of creation. A use after that, by another exit
-/// handler, builds it anew, to be destroyed right after the handler that needed it.
+/// handler, builds it anew, to be destroyed right after the handler that needed it. A class with a
+/// static member `outlivesExit` is never destroyed.
 ///
 /// A class T has a private constructor and destructor, befriends Singleton< T > and defines
 ///
 ///     Mt::Mutex TSingletonPtrMutex;
 ///     T* T::singletonPtr() { return Utils::Singleton< T >::ptr( TSingletonPtrMutex ); }
 ///
-/// Threads: any. The pointer is valid until exit; threads that outlive exit() are on their own.
+/// Threads: any. The pointer is valid until exit. Threads that outlive exit() are on their own with
+///          an object that is destroyed; its memory stays, so that a class may be prepared for
+///          them.
 /// Errors:  what T's constructor throws leaves ptr(); the next call tries again.
 /// Cost:    one acquiring load once the object exists.
 template < class T >
@@ -42,9 +47,11 @@ private:
         const Mt::MutexLock lock( mutex );
         T* objectPtr = ourPtr.load( std::memory_order_acquire );
         if ( objectPtr == nullptr ) {
-            objectPtr = new T();
+            alignas( T ) static std::byte ourStorage[sizeof( T )];
+            objectPtr = new ( ourStorage ) T();
             ourPtr.store( objectPtr, std::memory_order_release );
-            std::atexit( &destroy );
+            if constexpr ( !requires { T::outlivesExit; } )
+                std::atexit( &destroy );
         }
         return objectPtr;
     }
@@ -52,7 +59,7 @@ private:
     // The pointer stays until the destructor has ended: what it calls may ask for the object.
     static void destroy()
     {
-        delete ourPtr.load( std::memory_order_acquire );
+        ourPtr.load( std::memory_order_acquire )->~T();
         ourPtr.store( nullptr, std::memory_order_release );
     }
 

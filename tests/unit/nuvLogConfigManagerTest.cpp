@@ -204,6 +204,14 @@ TEST_F( LogConfig, ForkedChildLogsWhateverOtherThreadsHold )
     EXPECT_EQ( "100 children\n", run( { "source child error", "fork" } ) );
 }
 
+TEST_F( LogConfig, ProcessEndsWellWhileItsThreadsLog )
+{
+    for ( const char* const enabledPtr : { "false", "true" } ) {
+        configure( std::string( "[zone/own]\ndrain = own\n[logApp]\nenabled = " ) + enabledPtr );
+        EXPECT_EQ( "20 ends\n", run( { "exit" } ) );
+    }
+}
+
 TEST_F( LogConfig, LogApplicationGetsTheLinesOfAllZonesButThoseOfTheSystemLog )
 {
     configure( "[logApp]\nenabled = true\nzoneAndDrainName = theLogApplication\n"
