@@ -2,6 +2,7 @@
 
 #include "nuvTestSupport.h"
 
+#include <fstream>
 #include <sstream>
 #include <tuple>
 
@@ -23,10 +24,10 @@ std::string decoded( std::istream& stream,
 }
 
 template < class... Levels >
-std::string decoded( const std::string& text, Levels... maxNbrOfLevels )
+std::string decoded( const std::string& text, Levels... levels )
 {
     IBufferStream stream( text );
-    return decoded( stream, maxNbrOfLevels... );
+    return decoded( stream, levels... );
 }
 
 TEST( BEncoderItems, DecodeAndEncodeBack )
@@ -125,29 +126,12 @@ TEST( BEncoderStream, StateTellsWhereItEnded )
     EXPECT_EQ( '2', stream.get() );
 }
 
-// Hands out one byte at a time, without telling how many will come.
-struct TrickleBuf : std::streambuf
+TEST( BEncoderStream, BytesMayComeInPortions )
 {
-    explicit TrickleBuf( const std::string& bytes )
-        : myBytes( bytes )
-    {
-    }
-    int_type underflow() override
-    {
-        if ( myPos == myBytes.size() )
-            return traits_type::eof();
-        setg( &myBytes[myPos], &myBytes[myPos], &myBytes[myPos] + 1 );
-        return traits_type::to_int_type( myBytes[myPos++] );
-    }
-    std::string myBytes;
-    std::size_t myPos = 0;
-};
-
-TEST( BEncoderStream, BytesMayComeOneByOne )
-{
-    const std::string text = "d4:data10000:" + std::string( 10000, 'z' ) + "1:xli-12ee" + "e";
-    TrickleBuf buf( text );
-    std::istream stream( &buf );
+    const std::string text = "d4:data100000:" + std::string( 100000, 'z' ) + "1:xli-12eee";
+    const NuvTest::TemporaryFolder folder;
+    NuvTest::writeFile( folder.path( "item" ), text );
+    std::ifstream stream( folder.path( "item" ) );
     EXPECT_EQ( text, decoded( stream ) );
 }
 

@@ -99,6 +99,15 @@ TEST( RetryOnEintr, RepeatsInterruptedCallsAlone )
     EXPECT_EQ( EBADF, errno );
 }
 
+TEST( TokenScannerFields, StandBetweenRunsOfDelimiters )
+{
+    TokenScanner< std::string > scanner( ",a;;bc=d" );
+    std::string token;
+    EXPECT_TRUE( scanner.next( &token, ",;" ) && token == "a" );
+    EXPECT_TRUE( scanner.next( nullptr, "=;" ) && scanner.next( &token, "=" ) && token == "d" );
+    EXPECT_FALSE( scanner.next( &token, "=" ) || !token.empty() );
+}
+
 struct Station : Subject< Station >
 {
     void send() { notifyObservers( *this ); }
