@@ -13,7 +13,7 @@
 /// The parts of nuvctl: one function for each command, run after the command line has been read.
 ///
 /// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
-/// check, health, global, decode) or compute (encode, decode, crc) run without the process frame:
+/// check, health, global, decode) or compute (encode, decode, crc, regex) run without the process frame:
 /// they create no directory, no log and no interprocess object, count as nobody's user and wait for
 /// no lock, so that they work while everything else hangs. "zones set", "global set", "log emit",
 /// send and serve act through the library, inside the frame, after refuseIfLocked() has seen that
@@ -202,5 +202,15 @@ struct CrcOptions
     bool myHasInitial = false;
 };
 int showCrc( const CommonOptions& common, const CrcOptions& options );
+
+struct RegexOptions
+{
+    std::string myPattern;
+    std::string myText; ///< "-": the lines of standard input, each by itself
+    bool myHasText = false;
+    bool myShowsProgram = false;
+    bool myIgnoresCase = false;
+};
+int searchRegex( const CommonOptions& common, const RegexOptions& options );
 
 } // namespace Nuv::Ctl

@@ -33,6 +33,7 @@ struct CommandLine
     ServeOptions myServe;
     CodecOptions myCodec;
     CrcOptions myCrc;
+    RegexOptions myRegex;
     bool myYes = false;
     std::function< int() > myCommand;
 };
@@ -249,6 +250,22 @@ void addCodecs( CLI::App* appPtr, CommandLine* linePtr )
         ->each( [=]( const std::string& ) { linePtr->myCrc.myHasInitial = true; } );
 }
 
+void addRegex( CLI::App* appPtr, CommandLine* linePtr )
+{
+    RegexOptions* const optionsPtr = &linePtr->myRegex;
+    CLI::App* const regexPtr =
+        addCommand( appPtr, "regex", "Try a regular expression: what matches, the groups, the work",
+                    linePtr, [=] { return searchRegex( linePtr->myCommon, *optionsPtr ); } );
+    regexPtr->add_option( "pattern", optionsPtr->myPattern, "The pattern" )->required();
+    regexPtr
+        ->add_option( "text", optionsPtr->myText,
+                      "The subject; \"-\": the lines of standard input, each by itself; without it "
+                      "the pattern is only compiled" )
+        ->each( [=]( const std::string& ) { optionsPtr->myHasText = true; } );
+    regexPtr->add_flag( "--program", optionsPtr->myShowsProgram, "Show the compiled program" );
+    regexPtr->add_flag( "-i,--ignore-case", optionsPtr->myIgnoresCase, "Fold letters" );
+}
+
 void addOthers( CLI::App* appPtr, CommandLine* linePtr )
 {
     addCommand( appPtr, "paths", "Show the special pathnames and where each comes from", linePtr,
@@ -337,6 +354,7 @@ int main( int argc, char** argv )
     addPipes( &app, &line );
     addShared( &app, &line );
     addCodecs( &app, &line );
+    addRegex( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
     if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&
          app.get_subcommands(

@@ -1,4 +1,4 @@
-// nuvctl encode, decode and crc, run as an operator runs them.
+// nuvctl encode, decode, crc and regex, run as an operator runs them.
 
 #include "nuvTestSupport.h"
 
@@ -42,6 +42,17 @@ TEST( NuvctlCodecs, ShowAndEncode )
         { "decode archive", "\xC5\xC0\0\0\0\1xca\0\0\0\1Nd"s,
           "archive of version 1, 15 bytes\nclass N at offset 7\n"
           "An archive does not tell the types of its values; give them by --fields.\n" },
+        { "regex 'a(x)?(b*)'", "", "2 groups, program of 55 bytes\n" },
+        { "regex -i --program 'A(x)?' -", "c\n\xFF.a\n",
+          "    0 branch -> 30\n    3 anyOf \"a\" -> 8\n    8 repeat {0,1} -> 30\n"
+          "   13 open 1 -> 16\n   16 branch -> 24\n   19 anyOf \"x\" -> 24\n   24 close 1 -> 27\n"
+          "   27 end\n   30 end\nline 2: \xFF.a\n"
+          "PART     FROM  TO  TEXT\nmatch    2     3   a\ngroup 1  -     -\n3 steps\n" },
+        { "regex --json 'a(x)?' 'a'", "",
+          "{\n  \"groups\": 1,\n  \"programSize\": 33,\n  \"searches\": [\n    {\n"
+          "      \"line\": 1,\n      \"steps\": 3,\n      \"match\": {\n        \"from\": 0,\n"
+          "        \"to\": 1,\n        \"text\": \"a\",\n        \"takesPart\": true\n      },\n"
+          "      \"groups\": [\n        null\n      ]\n    }\n  ]\n}\n" },
     };
     for ( const auto& [wordsPtr, input, output] : rows ) {
         const NuvTest::Outcome outcome = nuvctl( wordsPtr, input );
@@ -81,6 +92,9 @@ TEST( NuvctlCodecs, RefusalsNameTheFault )
         { "crc 32 /", "", 1, "nuvctl: / cannot be read: Is a directory\n" },
         { "encode rot13", "", 2, "format: " },
         { "crc 8", "", 2, "width: " },
+        { "regex '(a' x", "", 2, "nuvctl: Expected ')'\n" },
+        { "regex x a", "", 1, "" },
+        { "regex a -", "a\0"s, 1, "nuvctl: a subject ends at its first NUL" },
     };
     for ( const auto& [wordsPtr, input, status, errorPtr] : rows ) {
         SCOPED_TRACE( testing::Message() << wordsPtr << ": " << input.substr( 0, 40 ) );
