@@ -9,14 +9,13 @@
 namespace Nuv::Io {
 namespace {
 
-NuvTest::Fault ourReadFault;
 std::function< void() > ourBeforeRead;
 
 } // namespace
 
 NUV_WRAP_REAL( ssize_t, read, ( int fd, void* ptr, size_t n ),
                ourBeforeRead ? std::exchange( ourBeforeRead, nullptr )() : void(),
-               ourReadFault.strikes() ? -1 : NUV_REAL( read )( fd, ptr, n ) )
+               NUV_REAL( read )( fd, ptr, n ) )
 
 namespace {
 
@@ -67,10 +66,6 @@ TEST_F( WholeFile, FileThatChangesDuringLoadGivesTheBytesReallyRead )
     ourBeforeRead = [&] { ASSERT_EQ( 0, ::truncate( pathname().cStr(), 3 ) ); };
     EXPECT_FALSE( helper.load() );
     EXPECT_EQ( "012", helper.data.view() );
-    ourReadFault.arm( 1, EIO );
-    EXPECT_FALSE( helper.load() );
-    ourReadFault.disarm();
-    EXPECT_TRUE( helper.data.empty() );
 }
 
 TEST_F( WholeFile, StoreReplacesTheContentOrSaysWhyNot )

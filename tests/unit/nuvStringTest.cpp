@@ -63,7 +63,6 @@ TEST( StringCase, MapsAndComparesWithoutCase )
     EXPECT_GT( String( "\xE4" ).compareNoCase( "z" ), 0 ); // bytes are unsigned
     EXPECT_EQ( 1u, String( "xAbab" ).findNoCase( "aB" ) );
     EXPECT_EQ( 1u, String( "xAbab" ).rfindNoCase( "AB", 2 ) );
-    EXPECT_EQ( 0, StringW( L"ABC" ).compareNoCase( L"abc" ) );
     EXPECT_THROW( text.compareNoCase( nullptr ), LogicException );
 }
 
@@ -86,8 +85,7 @@ TEST( SimpleStrText, IsCutAtLengthOrNulAndOwned )
     text = text.cStr() + 1; // part of itself
     EXPECT_STREQ( "b", text.cStr() );
     SimpleStr copy( text );
-    EXPECT_NE( text.cStr(), copy.cStr() );
-    EXPECT_EQ( text, copy );
+    EXPECT_TRUE( text.cStr() != copy.cStr() && text == copy );
     EXPECT_THROW( text.alloc( "ab", std::string::npos ), std::bad_alloc );
     EXPECT_THROW( text = static_cast< const char* >( nullptr ), LogicException );
 }
@@ -99,10 +97,8 @@ TEST( FixedStringText, IsCutAndPaddedWithNuls )
         return std::string( reinterpret_cast< const char* >( &name ), sizeof( name ) );
     };
     EXPECT_STREQ( "0123456789abcde", name.cStr() );
-    name = "short";
-    EXPECT_EQ( "short" + std::string( 11, '\0' ), bytes() );
-    name = name.cStr() + 1; // part of itself
-    EXPECT_EQ( "hort" + std::string( 12, '\0' ), bytes() );
+    name = name.cStr() + 12; // part of itself
+    EXPECT_EQ( "cde" + std::string( 13, '\0' ), bytes() );
     EXPECT_THROW( name = static_cast< const char* >( nullptr ), LogicException );
     std::memset( static_cast< void* >( &name ), 'x', sizeof( name ) ); // as another process could
     EXPECT_EQ( 16u, name.length() );
