@@ -475,6 +475,19 @@ BufferIStreamBuf::BufferIStreamBuf( Buffer* bufferPtr )
     setGetArea( 0 );
 }
 
+void BufferIStreamBuf::takeOver( Buffer* bufferPtr )
+{
+    Buffer( bufferPtr ).swap( myBuffer );
+    setGetArea( 0 );
+}
+
+Buffer BufferIStreamBuf::takeBuffer()
+{
+    Buffer taken( &myBuffer );
+    setGetArea( 0 );
+    return taken;
+}
+
 void BufferIStreamBuf::setGetArea( std::size_t offset )
 {
     char* const beginPtr = myBuffer.data();
@@ -577,5 +590,11 @@ IBufferStream::IBufferStream( Buffer* bufferPtr )
 }
 
 IBufferStream::~IBufferStream() = default;
+
+void IBufferStream::takeOver( Buffer* bufferPtr )
+{
+    myStreamBuf.takeOver( bufferPtr );
+    clear();
+}
 
 } // namespace Nuv::Utils

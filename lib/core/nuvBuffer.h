@@ -366,6 +366,11 @@ public:
     BufferIStreamBuf( const BufferIStreamBuf& ) = delete;
     BufferIStreamBuf& operator=( const BufferIStreamBuf& ) = delete;
 
+    /// Takes over another content, as the constructor does, and reads from its begin.
+    void takeOver( Buffer* bufferPtr );
+    /// Hands the content over and goes on empty.
+    Buffer takeBuffer();
+
     /// The whole content, wherever the read position is.
     const Buffer* bufferPtr() const { return &myBuffer; }
 
@@ -512,6 +517,11 @@ public:
     IBufferStream( const IBufferStream& ) = delete;
     IBufferStream& operator=( const IBufferStream& ) = delete;
     ~IBufferStream() override;
+
+    /// Takes over another content, as the constructor does; state and position begin anew.
+    void takeOver( Buffer* bufferPtr );
+    /// Hands the content over and goes on empty.
+    Buffer takeBuffer() { return myStreamBuf.takeBuffer(); }
 
     const Buffer* bufferPtr() const { return myStreamBuf.bufferPtr(); }
 
