@@ -1,4 +1,4 @@
-// The other side of a pipe, for nuvPipeTest: pipePeer WHAT NAME [ARGUMENTS]. Ends with 0 if all
+// The other side of a pipe, for nuvPipeTest: pipePeer WHAT NAME SIZE COUNT. Ends with 0 if all
 // went as it should, or by SIGKILL at the step that WHAT names.
 #include "nuvPathname.h"
 #include "nuvPipe.h"
@@ -33,50 +33,47 @@ Utils::Buffer pattern( std::size_t size )
     return buffer;
 }
 
+void expect( bool isTrue )
+{
+    if ( !isTrue )
+        throw RuntimeException( "went wrong", 0, 0 );
+}
+
+void writeHalfAFrame( const std::string& pathname )
+{
+    const int fd = ::open( pathname.c_str(), O_WRONLY | O_NONBLOCK );
+    expect( ::write( fd, "\x02\0\0\0\xFD", 5 ) == 5 );
+}
+
 // Sends messages of the size and expects each back.
-int echo( Io::ClientPipe& pipe, std::size_t size, int count )
+void echo( Io::ClientPipe& pipe, std::size_t size, int count )
 {
     pipe.connect( timeoutMs, false );
     const Utils::Buffer message = pattern( size );
-    for ( int i = 0; i < count; ++i ) {
+    for ( ; count > 0; --count ) {
         Utils::Buffer answer;
         pipe.writeMsg( message );
         pipe.readMsg( &answer, timeoutSec );
-        if ( !( answer == message ) )
-            return 1;
-    }
-    pipe.disconnect();
-    return 0;
-}
-
-void serve( Io::ServerPipe& pipe, int count )
-{
-    pipe.connect();
-    for ( int i = 0; i < count; ++i ) {
-        Utils::Buffer message;
-        pipe.readMsg( &message );
-        pipe.writeMsg( message );
+        expect( answer == message );
     }
     pipe.disconnect();
 }
 
-int client( const std::string& what, const char* namePtr, char** argv )
+void client( const std::string& what, const char* namePtr, std::size_t size, int count )
 {
     Io::ClientPipe pipe( namePtr );
     if ( what == "echo" )
-        return echo( pipe, std::strtoul( argv[3], nullptr, 10 ), std::atoi( argv[4] ) );
-    if ( what == "rounds" ) {
-        for ( int i = std::atoi( argv[3] ); i > 0; --i ) {
-            pipe.connect( timeoutMs, false );
-            pipe.disconnect();
-        }
-        return 0;
+        return echo( pipe, size, count );
+    for ( ; what == "rounds" && count > 0; --count ) {
+        pipe.connect( timeoutMs, false );
+        pipe.disconnect();
     }
+    if ( what == "rounds" )
+        return;
     Mt::Semaphore server( std::string( "pipe_SrvrConnect_" ) + namePtr, 0 );
     Mt::Semaphore clients( std::string( "pipe_ClntConnect_" ) + namePtr, 0 );
     if ( what == "clientDiesAfterPost" || what == "clientDiesAfterOpen" ) {
-        if ( !server.peek( timeoutMs ) )
-            return 1;
+        expect( server.peek( timeoutMs ) );
         clients.post();
         while ( what == "clientDiesAfterOpen" &&
                 ::open( pipe.outPipeName().c_str(), O_WRONLY | O_NONBLOCK ) < 0 ) {
@@ -85,24 +82,15 @@ int client( const std::string& what, const char* namePtr, char** argv )
         die();
     }
     pipe.connect( timeoutMs, false );
-    if ( what == "clientDiesInFrame" ) {
-        const int fd = ::open( pipe.outPipeName().c_str(), O_WRONLY | O_NONBLOCK );
-        if ( ::write( fd, "\x02\0\0\0\xFD", 5 ) != 5 )
-            return 1;
-    }
+    if ( what == "clientDiesInFrame" )
+        writeHalfAFrame( pipe.outPipeName() );
     die(); // clientDiesConnected too
 }
 
-int server( const std::string& what, const char* namePtr, char** argv )
+[[noreturn]] void server( const std::string& what, const char* namePtr )
 {
     Io::ServerPipe pipe( namePtr );
     std::cout << "made" << std::endl;
-    if ( what == "serve" ) {
-        for ( int i = std::atoi( argv[4] ); i > 0; --i ) {
-            serve( pipe, std::atoi( argv[3] ) );
-        }
-        return 0;
-    }
     if ( what == "serverDiesAfterPost" ) {
         Mt::Semaphore( std::string( "pipe_SrvrConnect_" ) + namePtr, 0 ).post();
         die();
@@ -111,9 +99,7 @@ int server( const std::string& what, const char* namePtr, char** argv )
     if ( what == "serverDiesInAnswer" ) {
         Utils::Buffer message;
         pipe.readMsg( &message );
-        const int fd = ::open( pipe.outPipeName().c_str(), O_WRONLY | O_NONBLOCK );
-        if ( ::write( fd, "\x02\0\0\0\xFD", 5 ) != 5 )
-            return 1;
+        writeHalfAFrame( pipe.outPipeName() );
     }
     die(); // serverDiesConnected too
 }
@@ -122,12 +108,14 @@ int server( const std::string& what, const char* namePtr, char** argv )
 
 int main( int argc, char** argv )
 {
-    if ( argc < 3 )
+    if ( argc < 5 )
         return 2;
     const std::string what = argv[1];
     try {
-        return what.rfind( "serve", 0 ) == 0 ? server( what, argv[2], argv )
-                                             : client( what, argv[2], argv );
+        if ( what.rfind( "serve", 0 ) == 0 )
+            server( what, argv[2] );
+        client( what, argv[2], std::strtoul( argv[3], nullptr, 10 ), std::atoi( argv[4] ) );
+        return 0;
     } catch ( const RuntimeException& exception ) {
         std::cerr << exception.what() << std::endl;
     } catch ( const FixedTextException& exception ) {
