@@ -1,76 +1,57 @@
 #include "nuvProcess.h"
 #include "nuvTestCapabilityDevice.h"
 #include "nuvTestSupport.h"
+#include "nuvTestWrap.h"
 
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
 #include <filesystem>
 #include <istream>
 #include <iterator>
 #include <ostream>
-#include <sched.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-namespace Nuv::Mt {
 namespace {
-
-NuvTest::Fault ourPipeFault;
-NuvTest::Fault ourCloneFault;
-
-} // namespace
-
-extern "C" {
-int __real_pipe2( int*, int );
-int __wrap_pipe2( int* fdsPtr, int flags )
-{
-    return ourPipeFault.strikes() ? -1 : __real_pipe2( fdsPtr, flags );
-}
-int __real_clone( int ( * )( void* ), void*, int, void*, ... );
-int __wrap_clone( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* argumentPtr, ... )
-{
-    return ourCloneFault.strikes() ? -1 : __real_clone( functionPtr, stackPtr, flags, argumentPtr );
-}
+NuvTest::Fault ourPipeFault, ourCloneFault;
 }
 
+// NOLINTBEGIN: the linker gives these names
+NUV_FAIL_CALLS( ourPipeFault, -1, int, pipe2, ( int* fdsPtr, int flags ), ( fdsPtr, flags ) )
+NUV_FAIL_CALLS( ourCloneFault, -1, int, clone,
+                ( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* ptr ),
+                ( functionPtr, stackPtr, flags, ptr ) )
+// NOLINTEND
+
+namespace Nuv::Mt {
 namespace {
 
 using ChildProcesses = NuvTest::RootFixture;
 
-std::size_t nbrOfFds()
+auto nbrOfFds()
 {
-    return static_cast< std::size_t >(
-        std::distance( std::filesystem::directory_iterator( "/proc/self/fd" ),
-                       std::filesystem::directory_iterator() ) );
-}
-
-bool hasNoChild()
-{
-    return ::waitpid( -1, nullptr, WNOHANG ) == -1 && errno == ECHILD;
+    return std::distance( std::filesystem::directory_iterator( "/proc/self/fd" ), {} );
 }
 
 std::string readAll( std::streambuf* bufPtr )
 {
-    return std::string( std::istreambuf_iterator< char >( bufPtr ),
-                        std::istreambuf_iterator< char >() );
+    return std::string( std::istreambuf_iterator< char >( bufPtr ), {} );
 }
 
-Process shell( const char* commandPtr )
+Process programOf( const char* pathPtr, const std::vector< const char* >& arguments )
 {
-    Process process( "/bin/sh" );
-    process.addArg( "-c" );
-    process.addArg( commandPtr );
+    Process process( pathPtr );
+    for ( const char* const argumentPtr : arguments ) {
+        process.addArg( argumentPtr );
+    }
     return process;
 }
 
 // The program's standard output and its exit value.
-std::string outputOf( Process& process )
+std::string outputOf( Process&& process )
 {
     std::streambuf* outPtr = nullptr;
     process.spawn( nullptr, &outPtr, nullptr );
@@ -84,20 +65,19 @@ std::string spawnText( Process& process )
     std::streambuf* bufs[3] = {};
     try {
         process.spawn( &bufs[0], &bufs[1], &bufs[2] );
+        return "spawned";
     } catch ( const Process::Exception& exception ) {
         return exception.what();
     } catch ( const ResourceException& exception ) {
         return exception.what();
     }
-    return "spawned";
 }
 
 TEST_F( ChildProcesses, ThreePipesCarryMoreThanTheyHold )
 {
-    Process process = shell( "cat; echo end of input >&2; head -c 300000 /dev/zero >&2; exit 7" );
-    std::streambuf* inPtr = nullptr;
-    std::streambuf* outPtr = nullptr;
-    std::streambuf* errPtr = nullptr;
+    Process process =
+        programOf( "/bin/sh", { "-c", "cat; echo end >&2; head -c 300000 /dev/zero >&2; exit 7" } );
+    std::streambuf *inPtr = nullptr, *outPtr = nullptr, *errPtr = nullptr;
     process.spawn( &inPtr, &outPtr, &errPtr );
     EXPECT_FALSE( process.waitForExit( 0 ) );
     EXPECT_THROW( process.spawn( nullptr, nullptr, nullptr ), LogicException );
@@ -112,35 +92,33 @@ TEST_F( ChildProcesses, ThreePipesCarryMoreThanTheyHold )
     EXPECT_EQ( sent, readAll( outPtr ) );
     writer.join();
     errorReader.join();
-    EXPECT_EQ( "end of input\n" + std::string( 300000, '\0' ), errors );
+    EXPECT_EQ( "end\n" + std::string( 300000, '\0' ), errors );
     EXPECT_TRUE( process.waitForExit( Process::infinite ) );
     EXPECT_TRUE( process.waitForExit( 0 ) );
     EXPECT_EQ( 7, process.exitValue() );
     EXPECT_FALSE( process.isTerminatedBySignal() );
-    EXPECT_TRUE( hasNoChild() );
 }
 
 TEST_F( ChildProcesses, ExitsAreToldApart )
 {
-    const NuvTest::TemporaryFolder folder;
-    const std::string script = folder.path( "script" );
+    const std::string script = root( "script" );
     NuvTest::writeFile( script, "#!/no/such/interpreter\n" );
-    ASSERT_EQ( 0, ::chmod( script.c_str(), 0755 ) );
-    Process noInterpreter( script.c_str() );
-    EXPECT_EQ( "Exec failed with 2, No such file or directory\n=127", outputOf( noInterpreter ) );
-    Process good = shell( "printf '%s.' \"$0\" \"$@\"" );
-    good.addArg( "" );
-    good.addArg( "two words" );
-    EXPECT_EQ( ".two words.=0", outputOf( good ) );
-    EXPECT_EQ( ".two words.=0", outputOf( good ) ); // a second start after the exit is collected
+    std::filesystem::permissions( script, std::filesystem::perms( 0755 ) );
+    EXPECT_EQ( "Exec failed with 2, No such file or directory\n=127",
+               outputOf( Process( script.c_str() ) ) );
+    EXPECT_EQ( ".two words.=0",
+               outputOf( programOf( "/bin/sh",
+                                    { "-c", "printf '%s.' \"$0\" \"$@\"", "", "two words" } ) ) );
 
     Process killed( "/bin/cat" );
     std::streambuf* inPtr = nullptr;
-    killed.spawn( &inPtr, nullptr, nullptr );
-    ASSERT_EQ( 0, ::kill( killed.pid(), SIGKILL ) );
-    EXPECT_TRUE( killed.waitForExit( 60000 ) );
-    EXPECT_TRUE( killed.isTerminatedBySignal() );
-    EXPECT_EQ( SIGKILL, killed.exitValue() );
+    for ( int i = 0; i < 2; ++i ) { // the second start after the first exit is collected
+        killed.spawn( &inPtr, nullptr, nullptr );
+        ASSERT_EQ( 0, ::kill( killed.pid(), SIGTERM ) );
+        EXPECT_TRUE( killed.waitForExit( 60000 ) );
+        EXPECT_TRUE( killed.isTerminatedBySignal() );
+        EXPECT_EQ( SIGTERM, killed.exitValue() );
+    }
     // Nobody reads any more: the write fails, and this process lives on.
     std::ostream stream( inPtr );
     stream << std::string( 100000, 'x' ) << std::flush;
@@ -149,12 +127,10 @@ TEST_F( ChildProcesses, ExitsAreToldApart )
 
 TEST_F( ChildProcesses, WhatIsNoProgramIsRefusedAndNothingStaysOpen )
 {
-    const NuvTest::TemporaryFolder folder;
-    NuvTest::writeFile( folder.path( "plain" ), "#!/bin/sh\n" );
-    ASSERT_EQ( 0, ::chmod( folder.path( "plain" ).c_str(), 0644 ) );
-    const std::size_t before = nbrOfFds();
+    NuvTest::writeFile( root( "plain" ), "#!/bin/sh\n" );
+    const auto before = nbrOfFds();
     for ( const std::string& path :
-          { folder.path(), folder.path( "plain" ), folder.path( "missing" ), std::string() } ) {
+          { root(), root( "plain" ), root( "missing" ), std::string() } ) {
         SCOPED_TRACE( path );
         Process process( path.c_str() );
         EXPECT_EQ( "spawn(): invalid pathname", spawnText( process ) );
@@ -179,38 +155,26 @@ TEST_F( ChildProcesses, WhatIsNoProgramIsRefusedAndNothingStaysOpen )
     EXPECT_TRUE( process.waitForExit( 60000 ) );
 }
 
-TEST_F( ChildProcesses, ChildHasNoForeignDescriptorsAndCanBeEndedBySignals )
+TEST_F( ChildProcesses, ChildHasNeitherForeignDescriptorsNorSignalSettings )
 {
     rlimit limit;
     ASSERT_EQ( 0, ::getrlimit( RLIMIT_NOFILE, &limit ) );
-    rlim_t wanted = 10100;
-    if ( limit.rlim_cur < wanted ) {
-        limit.rlim_cur = std::min( wanted, limit.rlim_max );
-        ASSERT_EQ( 0, ::setrlimit( RLIMIT_NOFILE, &limit ) );
-    }
+    limit.rlim_cur = std::min< rlim_t >( 10100, limit.rlim_max );
+    ASSERT_EQ( 0, ::setrlimit( RLIMIT_NOFILE, &limit ) );
     std::vector< int > fds;
     while ( fds.size() < 10000 && fds.size() + 50 < limit.rlim_cur ) {
         fds.push_back( ::dup( STDIN_FILENO ) );
     }
-    Process list( "/bin/ls" );
-    list.addArg( "/proc/self/fd" );
-    EXPECT_EQ( "0\n1\n2\n3\n=0", outputOf( list ) ); // 3 is the listed directory itself
+    // 3 is the listed directory itself.
+    EXPECT_EQ( "0\n1\n2\n3\n=0", outputOf( programOf( "/bin/ls", { "/proc/self/fd" } ) ) );
     for ( const int fd : fds ) {
         ::close( fd );
     }
-    Process masks( "/bin/grep" );
-    masks.addArg( "-E" );
-    masks.addArg( "^Sig(Blk|Ign)" );
-    masks.addArg( "/proc/self/status" );
     ::signal( SIGPIPE, SIG_IGN );
-    EXPECT_EQ( "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n=0", outputOf( masks ) );
+    EXPECT_EQ(
+        "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n=0",
+        outputOf( programOf( "/bin/grep", { "-E", "^Sig(Blk|Ign)", "/proc/self/status" } ) ) );
     ::signal( SIGPIPE, SIG_DFL );
-
-    Process sleeper = shell( "exec sleep 600" );
-    sleeper.spawn( nullptr, nullptr, nullptr );
-    ASSERT_EQ( 0, ::kill( sleeper.pid(), SIGTERM ) );
-    EXPECT_TRUE( sleeper.waitForExit( 60000 ) );
-    EXPECT_EQ( SIGTERM, sleeper.exitValue() );
 }
 
 TEST_F( ChildProcesses, ChildRunsUnderTheIdentitiesAskedFor )
@@ -218,31 +182,21 @@ TEST_F( ChildProcesses, ChildRunsUnderTheIdentitiesAskedFor )
     if ( ::geteuid() != 0 )
         GTEST_SKIP() << "needs the superuser";
     NuvTest::CapabilityDeviceDouble device;
-    const struct
-    {
-        uid_t userId;
-        uid_t effectiveUserId;
-        const char* realPtr;
-        const char* effectivePtr;
-    } cases[] = {
-        { Process::keepIdentity, Process::keepIdentity, "0\n=0", "0\n=0" },
-        { 65534, 65534, "65534\n=0", "65534\n=0" },
-        { Process::keepIdentity, 65534, "0\n=0", "65534\n=0" },
-        { 0, 0, "0\n=0", "0\n=0" },
+    const std::tuple< uid_t, uid_t, std::string > cases[] = {
+        { Process::keepIdentity, Process::keepIdentity, "0 0" },
+        { 65534, 65534, "65534 65534" },
+        { Process::keepIdentity, 65534, "0 65534" },
+        { 0, 0, "0 0" },
     };
-    for ( const auto& entry : cases ) {
-        SCOPED_TRACE( entry.effectiveUserId );
-        Process process( "/usr/bin/id" );
-        process.userId( entry.userId );
-        process.effectiveUserId( entry.effectiveUserId );
-        process.addArg( "-u" );
-        EXPECT_EQ( entry.effectivePtr, outputOf( process ) );
-        process.addArg( "-r" );
-        EXPECT_EQ( entry.realPtr, outputOf( process ) );
+    for ( const auto& [userId, effectiveUserId, expected] : cases ) {
+        Process process = programOf( "/bin/sh", { "-pc", "echo $(id -ru) $(id -u)" } );
+        process.userId( userId );
+        process.effectiveUserId( effectiveUserId );
+        EXPECT_EQ( expected + "\n=0", outputOf( std::move( process ) ) );
     }
 #if !defined( __i386__ ) // an emulator does not share the parent's memory
-    EXPECT_EQ( 4, device.nbrOfIdentityChanges );
-    EXPECT_EQ( 2, device.nbrOfChangesToSuperuser );
+    EXPECT_EQ( 2, device.nbrOfIdentityChanges );
+    EXPECT_EQ( 1, device.nbrOfChangesToSuperuser );
 #endif
     EXPECT_EQ( 0u, ::getuid() + ::geteuid() );
     const NuvTest::Outcome outcome = NuvTest::runInChild( [] {
@@ -261,18 +215,11 @@ TEST_F( ChildProcesses, ChildRunsUnderTheIdentitiesAskedFor )
 
 TEST_F( ChildProcesses, WaitEndsWithTheChildAndWithinItsTimeout )
 {
-    using Clock = std::chrono::steady_clock;
-    Process process = shell( "sleep 0.05" );
+    Process process = programOf( "/bin/sleep", { "0.05" } );
     process.spawn( nullptr, nullptr, nullptr );
-    const Clock::time_point start = Clock::now();
     EXPECT_FALSE( process.waitForExit( 1 ) );
     EXPECT_TRUE( process.waitForExit( 60000 ) );
-    const int fd = static_cast< int >( ::syscall( SYS_pidfd_open, ::getpid(), 0 ) );
-    if ( fd >= 0 ) { // else the system cannot tell, and a second of sleep may pass
-        ::close( fd );
-        EXPECT_LT( Clock::now() - start, std::chrono::milliseconds( 900 ) );
-    }
-    const std::size_t before = nbrOfFds();
+    const auto before = nbrOfFds();
     {
         Process left( "/bin/cat" );
         std::streambuf* inPtr = nullptr;
@@ -280,7 +227,7 @@ TEST_F( ChildProcesses, WaitEndsWithTheChildAndWithinItsTimeout )
     }
     EXPECT_TRUE( NuvTest::waitFor( [] {
         const Process any( "/bin/true" ); // its end collects what was left
-        return hasNoChild();
+        return ::waitpid( -1, nullptr, WNOHANG ) == -1 && errno == ECHILD;
     } ) );
     EXPECT_EQ( before, nbrOfFds() );
 }
@@ -290,8 +237,7 @@ TEST_F( ChildProcesses, DescriptionsAreComparedAndCopied )
     Process a( "/bin/../bin/cat" );
     EXPECT_TRUE( a == Process( "/bin/cat" ) );
     a.addArg( "x" );
-    EXPECT_FALSE( a == Process( "/bin/cat" ) );
-    EXPECT_TRUE( a == Process( a ) );
+    EXPECT_TRUE( a == Process( a ) && !( a == Process( "/bin/cat" ) ) );
     EXPECT_THROW( a.restartOnExit(), LogicException );
     EXPECT_THROW( a.addArg( nullptr ), LogicException );
 }
