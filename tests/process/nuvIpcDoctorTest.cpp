@@ -6,19 +6,17 @@
 #include "nuvPipe.h"
 #include "nuvSemaphore.h"
 #include "nuvSharedMemory.h"
-#include "nuvTestSupport.h"
+#include "nuvToolFixture.h"
 
+#include <algorithm>
 #include <csignal>
-#include <cstdint>
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <set>
-#include <sys/ipc.h>
 #include <sys/ptrace.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,49 +32,18 @@ std::string ipcDirectory()
     return NuvTest::RootFixture::root( "ixoRoot/tmp/ipc" );
 }
 
-/// Removes what a test, or the library by design, leaves in the kernel.
-class IpcDoctor : public NuvTest::RootFixture
+std::string text( const Finding& finding )
 {
-protected:
-    void SetUp() override
-    {
-        // The folders and the master semaphore, made by a process that then is gone.
-        ASSERT_EQ(
-            NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } ).exitStatus(), 0 );
-    }
-    void TearDown() override
-    {
-        for ( const Segment& segment : readSegments() )
-            ::shmctl( segment.myId, IPC_RMID, nullptr );
-        for ( const SemaphoreSet& set : readSemaphoreSets() )
-            ::semctl( set.myId, 0, IPC_RMID );
-        ASSERT_EQ( std::system( ( "rm -rf " + ipcDirectory() + "/*" ).c_str() ), 0 );
-    }
-};
-
-std::vector< Finding > problems( const std::vector< Finding >& findings )
-{
-    std::vector< Finding > some;
-    for ( const Finding& finding : findings ) {
-        if ( finding.myCertainty != Finding::note )
-            some.push_back( finding );
-    }
-    return some;
+    return std::string( certaintyKeyword( finding.myCertainty ) ) + " " +
+           kindKeyword( finding.myKind ) + ": " + finding.myObject + "\n";
 }
 
-std::string text( const std::vector< Finding >& findings )
+std::string findProblems()
 {
     std::string all;
-    for ( const Finding& finding : findings )
-        all += std::string( certaintyKeyword( finding.myCertainty ) ) + " " +
-               kindKeyword( finding.myKind ) + ": " + finding.myObject + " " + finding.myText +
-               "\n";
+    for ( const Finding& finding : examine( ipcDirectory(), 0, nullptr ) )
+        all += finding.myCertainty == Finding::note ? "" : text( finding );
     return all;
-}
-
-std::vector< Finding > findProblems()
-{
-    return problems( examine( ipcDirectory(), 0, nullptr ) );
 }
 
 /// Nobody alive is half-way through anything in these tests, so that no pause is needed.
@@ -91,8 +58,7 @@ std::set< Finding::Kind > repairAll()
         EXPECT_TRUE( step.myDone ) << step.myFinding.myObject << ": " << step.myOutcome;
         kinds.insert( step.myFinding.myKind );
     }
-    const std::vector< Finding > left = findProblems();
-    EXPECT_TRUE( left.empty() ) << text( left );
+    EXPECT_EQ( findProblems(), "" );
     return kinds;
 }
 
@@ -120,8 +86,7 @@ struct Objects
 
 void useObjects()
 {
-    Objects objects;
-    if ( !objects.use() )
+    if ( !Objects().use() )
         ::_exit( 1 );
 }
 
@@ -176,16 +141,6 @@ bool killAtChange( int n, void ( *function )() )
     return true;
 }
 
-bool canTrace()
-{
-    const pid_t pid = ::fork();
-    if ( pid == 0 )
-        ::_exit( ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr ) == 0 ? 0 : 1 );
-    int status = 0;
-    ::waitpid( pid, &status, 0 );
-    return WIFEXITED( status ) && WEXITSTATUS( status ) == 0;
-}
-
 void expectNothingLeft()
 {
     const Inventory inventory = Inventory::read( ipcDirectory() );
@@ -193,11 +148,24 @@ void expectNothingLeft()
         ADD_FAILURE() << "left: " << semaphore.myFile.myFileName;
     for ( const NamedSegment& segment : inventory.mySegments )
         EXPECT_TRUE( segment.isThreadRecords() ) << "left: " << segment.myFile.myFileName;
-    for ( const NamedFifo& fifo : inventory.myFifos )
-        ADD_FAILURE() << "left: " << fifo.myName;
-    EXPECT_TRUE( inventory.myStraySets.empty() );
-    EXPECT_TRUE( inventory.myStraySegments.empty() );
+    EXPECT_TRUE( inventory.myFifos.empty() && inventory.myStraySets.empty() &&
+                 inventory.myStraySegments.empty() );
 }
+
+class IpcDoctor : public NuvTest::ToolFixture
+{
+protected:
+    // The folders and the master semaphore, made by a process that then is gone.
+    void SetUp() override
+    {
+        NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } );
+    }
+    static bool canTrace()
+    {
+        const auto trace = [] { EXPECT_EQ( ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr ), 0 ); };
+        return NuvTest::runInChild( trace ).exitStatus() == 0;
+    }
+};
 
 } // namespace
 
@@ -258,17 +226,17 @@ TEST_F( IpcDoctor, RepairNextToALiveUserLeavesItUndisturbed )
     expectNothingLeft();
 }
 
-TEST_F( IpcDoctor, WaiterGoesOnWhenWhatTheDeadHeldIsGivenBack )
+TEST_F( IpcDoctor, WaiterGoesOnWhenWhatTheDeadHeldIsGivenBackAfterApproval )
 {
     for ( const char* namePtr : { "plain", "shm_table", "LogConfigManager" } ) {
         SCOPED_TRACE( namePtr );
         ChildProcess holder( [namePtr] {
             Mt::Semaphore semaphore( namePtr, 1 );
             semaphore.wait();
-            std::cout << "taken" << std::endl;
+            std::cout << "has it" << std::endl;
             ::pause();
         } );
-        ASSERT_EQ( holder.readLine(), "taken" );
+        ASSERT_EQ( holder.readLine(), "has it" );
         ChildProcess waiter( [namePtr] {
             Mt::Semaphore semaphore( namePtr, 1 );
             std::cout << "waits" << std::endl;
@@ -277,89 +245,57 @@ TEST_F( IpcDoctor, WaiterGoesOnWhenWhatTheDeadHeldIsGivenBack )
             semaphore.post();
         } );
         ASSERT_EQ( waiter.readLine(), "waits" );
-        EXPECT_TRUE( findProblems().empty() ) << "a live holder is no fault";
+        EXPECT_EQ( findProblems(), "" ) << "a live holder is no fault";
         holder.kill( SIGKILL );
         holder.wait();
-        ASSERT_EQ( findProblems().size(), 1u ) << text( findProblems() );
-        Repair repair( ipcDirectory(), []( const Finding& ) { return true; }, { 0, 200 } );
-        std::string error;
-        EXPECT_TRUE( repair.run( &error ) ) << error;
+        const std::string before = findProblems();
+        std::string questions, error;
+        for ( const bool isApproved : { false, true } ) {
+            EXPECT_EQ( findProblems(), before );
+            const auto answer = [&]( const Finding& finding ) {
+                questions += text( finding );
+                return isApproved;
+            };
+            Repair repair( ipcDirectory(), answer, { 0, 200 } );
+            EXPECT_TRUE( repair.run( &error ) ) << error;
+            EXPECT_EQ( repair.steps().empty(), !isApproved );
+        }
+        EXPECT_EQ( questions.find( before + before ), 0u ) << questions;
         EXPECT_EQ( waiter.readLine(), "has it" );
         EXPECT_EQ( waiter.wait().exitStatus(), 0 );
         repairAll();
     }
 }
 
-TEST_F( IpcDoctor, NothingIsTouchedThatWasNotApproved )
+TEST_F( IpcDoctor, NamesBecomeFreeStraysGoAndEntriesStayOnceTheirUserIsDead )
 {
-    if ( !canTrace() )
-        GTEST_SKIP() << "no child can be traced here";
-    ASSERT_TRUE( killAtChange( 40, useObjects ) );
-    const std::vector< Finding > before = findProblems();
-    ASSERT_FALSE( before.empty() );
-    std::size_t nbrOfQuestions = 0;
-    Repair repair( ipcDirectory(), [&]( const Finding& ) { return ++nbrOfQuestions == 0; },
-                   { 0, 0 } );
-    std::string error;
-    EXPECT_TRUE( repair.run( &error ) ) << error;
-    EXPECT_EQ( nbrOfQuestions, before.size() );
-    EXPECT_TRUE( repair.steps().empty() );
-    EXPECT_EQ( text( findProblems() ), text( before ) );
-}
-
-TEST_F( IpcDoctor, EntriesOfARingWithoutProcessAreKept )
-{
-    ChildProcess writer( [] {
+    constexpr ::key_t key = 0x7ab3c4d1;
+    ChildProcess user( [] {
+        const int setId = ::semget( key, 2, IPC_CREAT | IPC_EXCL | 0660 );
+        sembuf operations[] = { { 0, 1, 0 }, { 1, 1, 0 } };
+        ::semop( setId, operations, 2 );
+        ::shmget( key, 8804, IPC_CREAT | IPC_EXCL | 0660 );
+        Io::ServerPipe idle( "control" );
         Io::InterprocessFifo fifo( "ring", 1024 );
         fifo.write( Utils::Buffer( "last words" ) );
-        std::cout << "written" << std::endl;
+        std::cout << "made" << std::endl;
         ::pause();
     } );
-    ASSERT_EQ( writer.readLine(), "written" );
-    writer.kill( SIGKILL );
-    writer.wait();
+    ASSERT_EQ( user.readLine(), "made" );
+    EXPECT_EQ( findProblems(), "" );
+    user.kill( SIGKILL );
+    user.wait();
+    EXPECT_NE( NuvTest::runInChild( [] { Io::ServerPipe pipe( "control" ); } ).exitStatus(), 0 );
     repairAll();
+    EXPECT_TRUE( ::semget( key, 0, 0 ) < 0 && ::shmget( key, 0, 0 ) < 0 );
     const Outcome outcome = NuvTest::runInChild( [] {
+        Io::ServerPipe pipe( "control" );
         Io::InterprocessFifo fifo( "ring", 1024 );
         Utils::Buffer entry;
         EXPECT_TRUE( fifo.read( &entry ) );
         EXPECT_STREQ( entry.cStr(), "last words" );
     } );
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-    expectNothingLeft();
-}
-
-TEST_F( IpcDoctor, NameOfAKilledPipeServerBecomesFreeAndAnIdleOneIsLeftAlone )
-{
-    const auto serve = [] {
-        Io::ServerPipe pipe( "control" );
-        std::cout << "ready" << std::endl;
-        pipe.connect();
-        Utils::Buffer message;
-        pipe.readMsg( &message );
-        pipe.writeMsg( message );
-        pipe.disconnect();
-    };
-    auto serverPtr = std::make_unique< ChildProcess >( serve );
-    ASSERT_EQ( serverPtr->readLine(), "ready" );
-    EXPECT_TRUE( findProblems().empty() ) << text( findProblems() );
-    serverPtr->kill( SIGKILL );
-    serverPtr->wait();
-    EXPECT_NE( NuvTest::runInChild( [] { Io::ServerPipe pipe( "control" ); } ).exitStatus(), 0 );
-    repairAll();
-    serverPtr = std::make_unique< ChildProcess >( serve );
-    ASSERT_EQ( serverPtr->readLine(), "ready" );
-    const Outcome client = NuvTest::runInChild( [] {
-        Io::ClientPipe pipe( "control" );
-        pipe.connect( 5000, false );
-        pipe.writeMsg( Utils::Buffer( "question" ) );
-        Utils::Buffer answer;
-        pipe.readMsg( &answer, 5 );
-        EXPECT_STREQ( answer.cStr(), "question" );
-        pipe.disconnect();
-    } );
-    EXPECT_EQ( client.exitStatus(), 0 ) << client.errors;
-    EXPECT_EQ( serverPtr->wait().exitStatus(), 0 );
     repairAll(); // a forked child leaves its log's objects
     expectNothingLeft();
 }
@@ -370,54 +306,8 @@ TEST_F( IpcDoctor, UnfinishedMasterIsGivenItsValue )
     ASSERT_TRUE( inventory.myMaster );
     ::semctl( inventory.myMaster->myId, 0, IPC_RMID );
     ASSERT_GE( ::semget( inventory.myMaster->myKey, 1, IPC_CREAT | IPC_EXCL | 0660 ), 0 );
-    const std::vector< Finding > found = findProblems();
-    ASSERT_EQ( found.size(), 1u ) << text( found );
-    EXPECT_EQ( found[0].myKind, Finding::masterUnfinished );
-    repairAll();
+    EXPECT_EQ( repairAll(), std::set{ Finding::masterUnfinished } );
     EXPECT_EQ( NuvTest::runInChild( useObjects ).exitStatus(), 0 );
-}
-
-TEST_F( IpcDoctor, StraysAreRemovedOnlyWhenTheirUsersAreGone )
-{
-    constexpr ::key_t key = 0x7ab3c4d1;
-    ChildProcess owner( [] {
-        const int setId = ::semget( key, 2, IPC_CREAT | IPC_EXCL | 0660 );
-        for ( unsigned short index : { 0, 1 } ) {
-            sembuf operation{ index, 1, 0 };
-            ::semop( setId, &operation, 1 );
-        }
-        ::shmget( key, 8804, IPC_CREAT | IPC_EXCL | 0660 );
-        std::cout << "made" << std::endl;
-        ::pause();
-    } );
-    ASSERT_EQ( owner.readLine(), "made" );
-    EXPECT_TRUE( findProblems().empty() ) << text( findProblems() );
-    owner.kill( SIGKILL );
-    owner.wait();
-    EXPECT_EQ( findProblems().size(), 2u ) << text( findProblems() );
-    repairAll();
-    EXPECT_LT( ::semget( key, 0, 0 ), 0 );
-    EXPECT_LT( ::shmget( key, 0, 0 ), 0 );
-}
-
-TEST_F( IpcDoctor, KernelListsAgreeWithTheirOwnCalls )
-{
-    const int setId = ::semget( 0x1234abcd, 2, IPC_CREAT | IPC_EXCL | 0640 );
-    const int segmentId = ::shmget( -5, 12345, IPC_CREAT | IPC_EXCL | 0600 );
-    ASSERT_GE( setId, 0 );
-    ASSERT_GE( segmentId, 0 );
-    bool isSetFound = false;
-    for ( const SemaphoreSet& set : readSemaphoreSets() )
-        isSetFound = isSetFound || ( set.myId == setId && set.myKey == 0x1234abcd &&
-                                     set.myMode == 0640 && set.mySemaphores.size() == 2 );
-    bool isSegmentFound = false;
-    for ( const Segment& segment : readSegments() )
-        isSegmentFound = isSegmentFound ||
-                         ( segment.myId == segmentId && segment.myKey == -5 &&
-                           segment.myMode == 0600 && segment.mySize == 12345 &&
-                           segment.myCreatorPid == ::getpid() && segment.myNbrOfAttached == 0 );
-    EXPECT_TRUE( isSetFound );
-    EXPECT_TRUE( isSegmentFound );
 }
 
 } // namespace Nuv::Tools

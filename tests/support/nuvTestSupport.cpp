@@ -61,6 +61,9 @@ void drain( int* fdPtr, std::string* textPtr )
     } catch ( const std::exception& exception ) {
         std::cerr << "exception: " << exception.what() << std::endl;
         status = 2;
+    } catch ( ... ) { // else the child would go on with the parent's tests
+        std::cerr << "exception of another type" << std::endl;
+        status = 2;
     }
     std::cout.flush();
     std::fflush( nullptr );
