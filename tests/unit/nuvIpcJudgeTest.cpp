@@ -22,232 +22,179 @@ SemaphoreSet setOf( int id, int value, int useCount, int lastPid )
     return set;
 }
 
-NamedSemaphore semaphore( const std::string& name, int id, int value, int useCount, int lastPid )
+NamedSemaphore semaphore( const std::string& name, const SemaphoreSet& set )
 {
-    return { name, { "sem_" + name, {}, id, now }, setOf( id, value, useCount, lastPid ) };
+    return { name, { "sem_" + name, {}, set.myId, now }, set };
 }
 
-NamedFifo pipeFifo( const std::string& name, const FifoUse& use )
+NamedFifo fifo( const std::string& name, std::uint64_t inode, const FifoUse& use )
 {
-    return { name, { name, { 1, 6 }, 0, now }, { { daemonPid, use } } };
+    return { name, { name, { 1, inode }, 0, now }, { { daemonPid, use } } };
 }
 
 /// One daemon, idle, that has the segment "table" and the event "wake" open.
-Inventory healthy()
+struct Scene : Inventory
 {
-    Process process;
-    process.myPid = daemonPid;
-    process.myName = "daemon";
-    process.myState = 'S';
-    process.myStartTime = now - 1000;
-    process.myUsesLibrary = true;
-    process.mySegments = { { 7, 1 } };
-    process.myFifos = { { FileId{ 1, 5 }, FifoUse{ 1, 1 } } };
-    Inventory inventory;
-    inventory.myTime = now;
-    inventory.myProcesses = ProcessTable( { process } );
-    inventory.myMaster = setOf( 1, 1, 0, deadPid );
-    inventory.myMaster->mySemaphores.pop_back();
-    inventory.mySemaphores = { semaphore( "shm_table", 2, 1, 1, daemonPid ),
-                               semaphore( "evt_wake", 3, 1, 1, daemonPid ),
-                               semaphore( "plain", 4, 1, 1, daemonPid ) };
-    Segment segment;
-    segment.myId = 7;
-    segment.mySize = 64;
-    segment.myNbrOfAttached = 1;
-    inventory.mySegments = { { "table", { "shm_table", {}, 7, now }, segment, {} } };
-    inventory.myFifos = {
-        { "evt_wake", { "evt_wake", { 1, 5 }, 0, now }, { { daemonPid, { 1, 1 } } } } };
-    return inventory;
-}
-
-Process& daemonIn( Inventory& inventory, std::vector< Process >* copyPtr )
-{
-    *copyPtr = inventory.myProcesses.processes();
-    return copyPtr->front();
-}
-
-/// Changes the daemon's process and puts it back into the inventory.
-void withDaemon( Inventory& inventory, const std::function< void( Process& ) >& change )
-{
-    std::vector< Process > processes;
-    change( daemonIn( inventory, &processes ) );
-    inventory.myProcesses = ProcessTable( processes );
-}
-
-std::string verdict( const Inventory& inventory )
-{
-    std::string all;
-    for ( const Finding& finding : diagnose( inventory ) ) {
-        if ( finding.myKind != Finding::remark )
-            all += std::string( all.empty() ? "" : "; " ) +
-                   certaintyKeyword( finding.myCertainty ) + " " + kindKeyword( finding.myKind ) +
-                   " " + finding.myObject;
+    Scene()
+    {
+        myDaemon.myPid = daemonPid;
+        myDaemon.myName = "daemon";
+        myDaemon.myState = 'S';
+        myDaemon.myStartTime = now - 1000;
+        myDaemon.myUsesLibrary = true;
+        myDaemon.mySegments = { { 7, 1 } };
+        myDaemon.myFifos = { { FileId{ 1, 5 }, FifoUse{ 1, 1 } } };
+        myTime = now;
+        myMaster = setOf( 1, 1, 0, deadPid );
+        myMaster->mySemaphores.pop_back();
+        mySemaphores = { semaphore( "shm_table", setOf( 2, 1, 1, daemonPid ) ),
+                         semaphore( "evt_wake", setOf( 3, 1, 1, daemonPid ) ),
+                         semaphore( "plain", setOf( 4, 1, 1, daemonPid ) ) };
+        Segment segment;
+        segment.myId = 7;
+        segment.mySize = 64;
+        segment.myNbrOfAttached = 1;
+        mySegments = { { "table", { "shm_table", {}, 7, now }, segment, {} } };
+        myFifos = { fifo( "evt_wake", 5, { 1, 1 } ) };
     }
-    return all;
-}
+    std::string verdict()
+    {
+        myProcesses = ProcessTable( { myDaemon } );
+        std::string all;
+        for ( const Finding& finding : diagnose( *this ) ) {
+            if ( finding.myKind != Finding::remark )
+                all += std::string( all.empty() ? "" : "; " ) +
+                       certaintyKeyword( finding.myCertainty ) + " " +
+                       kindKeyword( finding.myKind ) + " " + finding.myObject;
+        }
+        return all;
+    }
+    void detachTable( int nbrOfUnread = 0 )
+    {
+        mySegments[0].mySegment->myNbrOfAttached = 0;
+        mySegments[0].myNbrOfUnread = nbrOfUnread;
+        mySemaphores.erase( mySemaphores.begin() );
+    }
+
+    Process myDaemon;
+};
 
 } // namespace
 
 TEST( IpcJudge, SaysWhatIsProvenAndWhatIsOnlyLikely )
 {
-    const struct
-    {
-        const char* namePtr;
-        std::function< void( Inventory& ) > change;
-        const char* verdictPtr;
-    } cases[] = {
-        { "healthy", []( Inventory& ) {}, "" },
-        { "lock taken by the dead",
-          []( Inventory& i ) { i.mySemaphores[0].mySet = setOf( 2, 0, 1, deadPid ); },
-          "certain taken semaphore shm_table" },
-        { "plain semaphore taken by the dead may be a signal",
-          []( Inventory& i ) { i.mySemaphores[2].mySet = setOf( 4, 0, 1, deadPid ); },
-          "likely taken semaphore plain" },
-        { "a set never operated on has its first value",
-          []( Inventory& i ) {
-              i.mySemaphores[2].mySet = setOf( 4, 0, 1, deadPid );
-              i.mySemaphores[2].mySet->myOperationTime = 0;
-          },
-          "" },
-        { "semaphores of pipes are signals",
-          []( Inventory& i ) {
-              i.mySemaphores[2] = semaphore( "pipe_SrvrConnect_x", 4, 0, 1, deadPid );
-          },
-          "" },
-        { "lock taken by the living",
-          []( Inventory& i ) { i.mySemaphores[0].mySet = setOf( 2, 0, 1, daemonPid ); }, "" },
-        { "lock taken by a process whose id was used again",
-          []( Inventory& i ) {
-              i.mySemaphores[0].mySet = setOf( 2, 0, 1, daemonPid );
-              withDaemon( i, []( Process& process ) { process.myStartTime = now - 50; } );
-          },
-          "certain taken semaphore shm_table" },
-        { "lock taken by a process that this namespace does not see",
-          []( Inventory& i ) { i.mySemaphores[0].mySet = setOf( 2, 0, 1, 0 ); }, "" },
-        { "two users counted, one attached",
-          []( Inventory& i ) { i.mySemaphores[0].mySet = setOf( 2, 1, 2, daemonPid ); },
-          "certain use-count semaphore shm_table" },
-        { "a forked child is attached, too",
-          []( Inventory& i ) { i.mySegments[0].mySegment->myNbrOfAttached = 2; }, "" },
-        { "counts are not judged while somebody waits",
-          []( Inventory& i ) {
-              i.mySemaphores[0].mySet = setOf( 2, 1, 2, daemonPid );
-              i.mySemaphores[0].mySet->mySemaphores[0].myNbrOfWaiters = 1;
-          },
-          "" },
-        { "nor while the master is taken",
-          []( Inventory& i ) {
-              i.mySemaphores[0].mySet = setOf( 2, 1, 2, daemonPid );
-              i.myMaster->mySemaphores[0] = { 0, daemonPid, 0 };
-          },
-          "" },
-        { "a stopped process may be half-way through opening",
-          []( Inventory& i ) {
-              i.mySemaphores[0].mySet = setOf( 2, 1, 2, daemonPid );
-              withDaemon( i, []( Process& process ) { process.myState = 'T'; } );
-          },
-          "likely use-count semaphore shm_table" },
-        { "descriptors of some processes cannot be read, and the last opener is alive",
-          []( Inventory& i ) {
-              i.mySemaphores[1].mySet = setOf( 3, 1, 2, daemonPid );
-              withDaemon( i, []( Process& process ) { process.myReadable = false; } );
-          },
-          "" },
-        { "nobody left of a plain semaphore's users",
-          []( Inventory& i ) {
-              i = Inventory();
-              i.mySemaphores = { semaphore( "plain", 4, 1, 3, deadPid ) };
-          },
-          "likely use-count semaphore plain" },
-        { "a FIFO that nobody has open", []( Inventory& i ) { i.myFifos[0].myUsers.clear(); },
-          "certain use-count semaphore evt_wake; certain fifo-unused FIFO evt_wake" },
-        { "the FIFOs of a pipe whose server is idle",
-          []( Inventory& i ) {
-              i.myFifos.push_back( pipeFifo( "pipe_toSrvr_x", { 1, 0 } ) );
-              i.myFifos.push_back( pipeFifo( "pipe_fmSrvr_x", { 0, 0 } ) );
-          },
-          "" },
-        { "the FIFOs of a pipe that only a client still has open",
-          []( Inventory& i ) {
-              i.myFifos.push_back( pipeFifo( "pipe_toSrvr_x", { 0, 1 } ) );
-              i.myFifos.push_back( pipeFifo( "pipe_fmSrvr_x", { 1, 0 } ) );
-          },
-          "certain fifo-unused FIFO pipe_toSrvr_x; certain fifo-unused FIFO pipe_fmSrvr_x" },
-        { "key files without their objects",
-          []( Inventory& i ) {
-              i.mySemaphores[2].mySet.reset();
-              i.mySegments.push_back( { "other", { "shm_other", {}, 8, now }, {}, {} } );
-          },
-          "certain key-without-set semaphore plain; certain key-without-segment segment other" },
-        { "a set never finished, another not removed",
-          []( Inventory& i ) {
-              i.mySemaphores[2].mySet->myOperationTime = 0;
-              i.mySemaphores[2].mySet->mySemaphores[0].myLastPid = 0;
-              i.mySemaphores.push_back( semaphore( "gone", 9, 1, 0, deadPid ) );
-          },
-          "certain unfinished semaphore plain; certain unfinished semaphore gone" },
-        { "a segment that nobody has attached",
-          []( Inventory& i ) {
-              i.mySegments[0].mySegment->myNbrOfAttached = 0;
-              i.mySemaphores.erase( i.mySemaphores.begin() );
-          },
-          "certain segment-unused segment table" },
-        { "a ring with entries is kept",
-          []( Inventory& i ) {
-              i.mySegments[0].mySegment->myNbrOfAttached = 0;
-              i.mySegments[0].myNbrOfUnread = 3;
-              i.mySemaphores.erase( i.mySemaphores.begin() );
-          },
-          "" },
-        { "records of a dead process, and of one whose id was used again",
-          []( Inventory& i ) {
-              i.mySegments[0].myName = "ubrdebug_daemon";
-              i.mySemaphores[0].myName = "shm_ubrdebug_daemon";
-              i.myThreadRecords.resize( 2 );
-              for ( ThreadRecord& record : i.myThreadRecords )
+    const auto extraUse = []( Scene& s ) { s.mySemaphores[0].mySet = setOf( 2, 1, 2, daemonPid ); };
+    const std::pair< const char*, std::function< void( Scene& ) > > cases[] = {
+        { "", []( Scene& ) {} },
+        // What the dead have taken; a plain semaphore may be a signal.
+        { "certain taken semaphore shm_table; likely taken semaphore plain",
+          []( Scene& s ) {
+              s.mySemaphores[0].mySet = setOf( 2, 0, 1, deadPid );
+              s.mySemaphores[2].mySet = setOf( 4, 0, 1, deadPid );
+          } },
+        // A set never operated on has its first value, and semaphores of pipes are signals; nothing
+        // is wrong with what the living have taken, or one that this namespace does not see.
+        { "",
+          []( Scene& s ) {
+              s.mySemaphores[2].mySet = setOf( 4, 0, 1, deadPid );
+              s.mySemaphores[2].mySet->myOperationTime = 0;
+              s.mySemaphores.push_back(
+                  semaphore( "pipe_SrvrConnect_x", setOf( 9, 0, 1, deadPid ) ) );
+              s.mySemaphores[0].mySet = setOf( 2, 0, 1, daemonPid );
+              s.mySemaphores[1].mySet = setOf( 3, 0, 1, 0 );
+          } },
+        // The id of the process that took it was used again.
+        { "certain taken semaphore shm_table",
+          []( Scene& s ) {
+              s.mySemaphores[0].mySet = setOf( 2, 0, 1, daemonPid );
+              s.myDaemon.myStartTime = now - 50;
+          } },
+        // Two users are counted and one is attached, or both (a forked child).
+        { "certain use-count semaphore shm_table", extraUse },
+        { "", []( Scene& s ) { s.mySegments[0].mySegment->myNbrOfAttached = 2; } },
+        // Counts are not judged while somebody waits, nor while the master is taken; a stopped
+        // process may be half-way through opening.
+        { "",
+          [=]( Scene& s ) {
+              extraUse( s );
+              s.mySemaphores[0].mySet->mySemaphores[0].myNbrOfWaiters = 1;
+          } },
+        { "",
+          [=]( Scene& s ) {
+              extraUse( s );
+              s.myMaster->mySemaphores[0] = { 0, daemonPid, 0 };
+          } },
+        { "likely use-count semaphore shm_table",
+          [=]( Scene& s ) {
+              extraUse( s );
+              s.myDaemon.myState = 'T';
+          } },
+        // Descriptors of some processes cannot be read, and the last opener is alive.
+        { "",
+          []( Scene& s ) {
+              s.mySemaphores[1].mySet = setOf( 3, 1, 2, daemonPid );
+              s.myDaemon.myReadable = false;
+          } },
+        // FIFOs that nobody has open, and those of a pipe whose server is idle or gone.
+        { "certain use-count semaphore evt_wake; certain fifo-unused FIFO evt_wake",
+          []( Scene& s ) { s.myFifos[0].myUsers.clear(); } },
+        { "certain fifo-unused FIFO pipe_toSrvr_y; certain fifo-unused FIFO pipe_fmSrvr_y",
+          []( Scene& s ) {
+              s.myFifos.push_back( fifo( "pipe_toSrvr_x", 6, { 1, 0 } ) );
+              s.myFifos.push_back( fifo( "pipe_fmSrvr_x", 7, { 0, 0 } ) );
+              s.myFifos.push_back( fifo( "pipe_toSrvr_y", 8, { 0, 1 } ) );
+              s.myFifos.push_back( fifo( "pipe_fmSrvr_y", 9, { 1, 0 } ) );
+          } },
+        { "certain key-without-set semaphore plain; certain key-without-segment segment other",
+          []( Scene& s ) {
+              s.mySemaphores[2].mySet.reset();
+              s.mySegments.push_back( { "other", { "shm_other", {}, 8, now }, {}, {} } );
+          } },
+        // A set never finished, another not removed.
+        { "certain unfinished semaphore plain; certain unfinished semaphore gone",
+          []( Scene& s ) {
+              s.mySemaphores[2].mySet->myOperationTime = 0;
+              s.mySemaphores[2].mySet->mySemaphores[0].myLastPid = 0;
+              s.mySemaphores.push_back( semaphore( "gone", setOf( 9, 1, 0, deadPid ) ) );
+          } },
+        // A segment that nobody has attached, unless it is a ring with entries.
+        { "certain segment-unused segment table", []( Scene& s ) { s.detachTable(); } },
+        { "", []( Scene& s ) { s.detachTable( 3 ); } },
+        // Records of a dead process, and of one whose id was used again.
+        { "certain thread-record thread record 0 of ubrdebug_daemon; "
+          "certain thread-record thread record 1 of ubrdebug_daemon",
+          []( Scene& s ) {
+              s.mySegments[0].myName = "ubrdebug_daemon";
+              s.myThreadRecords.resize( 2 );
+              for ( ThreadRecord& record : s.myThreadRecords )
                   record.mySegmentName = "ubrdebug_daemon";
-              i.myThreadRecords[0].myPid = deadPid;
-              i.myThreadRecords[1].myPid = daemonPid;
-              i.myThreadRecords[1].myIndex = 1;
-              i.mySegments[0].mySegment->myNbrOfAttached = 0;
-              i.mySemaphores.erase( i.mySemaphores.begin() );
-              withDaemon( i, []( Process& process ) { process.mySegments.clear(); } );
-          },
-          "certain thread-record thread record 0 of ubrdebug_daemon; "
-          "certain thread-record thread record 1 of ubrdebug_daemon" },
-        { "strays, next to a process that holds nothing here",
-          []( Inventory& i ) {
-              i.myStraySets = { setOf( 20, 1, 1, deadPid ) };
-              withDaemon( i, []( Process& process ) { process.mySegments.clear(); } );
-              i.myFifos.clear();
-              i.mySegments.clear();
-              i.mySemaphores.clear();
-          },
-          "" },
-        { "strays, and nobody else",
-          []( Inventory& i ) { i.myStraySets = { setOf( 20, 1, 1, deadPid ) }; },
-          "likely stray-set set with id 20" },
+              s.myThreadRecords[0].myPid = deadPid;
+              s.myThreadRecords[1].myPid = daemonPid;
+              s.myThreadRecords[1].myIndex = 1;
+              s.detachTable();
+              s.myDaemon.mySegments.clear();
+          } },
+        { "likely stray-set set with id 20",
+          []( Scene& s ) { s.myStraySets = { setOf( 20, 1, 1, deadPid ) }; } },
     };
-    for ( const auto& row : cases ) {
-        SCOPED_TRACE( row.namePtr );
-        Inventory inventory = healthy();
-        row.change( inventory );
-        EXPECT_EQ( verdict( inventory ), row.verdictPtr );
+    for ( const auto& [verdict, change] : cases ) {
+        Scene scene;
+        change( scene );
+        EXPECT_EQ( scene.verdict(), verdict );
     }
 }
 
 TEST( IpcJudge, OnlyWhatBothLooksShowIsFoundAndTheSmallerExcess )
 {
-    Inventory first = healthy();
-    Inventory second = healthy();
+    Scene first, second;
+    first.verdict();
+    second.verdict();
     first.mySemaphores[0].mySet = setOf( 2, 1, 4, daemonPid );
     second.mySemaphores[0].mySet = setOf( 2, 1, 3, daemonPid );
     second.myFifos[0].myUsers.clear();
     const std::vector< Finding > both = persistent( diagnose( first ), diagnose( second ) );
     ASSERT_EQ( both.size(), 1u );
-    EXPECT_EQ( both[0].myKind, Finding::useCount );
-    EXPECT_EQ( both[0].myAmount, 2 );
+    EXPECT_TRUE( both[0].myKind == Finding::useCount && both[0].myAmount == 2 );
 }
 
 TEST( IpcText, ProcessTextsAreTakenApart )
