@@ -129,11 +129,10 @@ SchedulePlan::SchedulePlan( const char* daysPtr, const char* hoursPtr, const cha
     , myDaysStr( daysPtr != nullptr ? daysPtr : "" )
     , myHoursStr( hoursPtr != nullptr ? hoursPtr : "" )
 {
-    if ( myIsCalendar )
-        readDays();
-    else
+    if ( !myIsCalendar )
         fail( "Scheduler::Scheduler( Calendar )  invalid days or hours (NULL)" );
-    if ( myIsValid )
+    else if ( hasGoodForm( myDaysStr, "days", daysPattern, " - no regex match" ) &&
+              hasGoodForm( myHoursStr, "hours", hoursPattern, "" ) && readDays() )
         readHours();
 }
 
@@ -156,34 +155,33 @@ SchedulePlan::SchedulePlan( const char* startTimePtr, int hourPeriod, PeriodicMo
         fail( title + " invalid start time (NULL)" );
 }
 
-void SchedulePlan::fail( const std::string& text )
+// @return false
+bool SchedulePlan::fail( const std::string& text )
 {
     myIsValid = false;
     add( &myMessages, text );
+    return false;
 }
 
-bool SchedulePlan::hasGoodSeparators( const std::string& text, const char* kindPtr )
+bool SchedulePlan::hasGoodForm( const std::string& text, const char* kindPtr,
+                                const char* patternPtr, const char* mismatchPtr )
 {
-    const char* faultPtr = nullptr;
+    const std::string title =
+        std::string( "Scheduler::Scheduler( Calendar ) invalid " ) + kindPtr + " format - ";
     if ( text.starts_with( '|' ) )
-        faultPtr = "leading separator";
-    else if ( text.ends_with( '|' ) )
-        faultPtr = "trailing separator";
-    else if ( text.find( "||" ) != std::string::npos )
-        faultPtr = "too many separators";
-    if ( faultPtr != nullptr )
-        fail( std::string( "Scheduler::Scheduler( Calendar ) invalid " ) + kindPtr + " format - " +
-              faultPtr );
-    return faultPtr == nullptr;
+        return fail( title + "leading separator" );
+    if ( text.ends_with( '|' ) )
+        return fail( title + "trailing separator" );
+    if ( text.find( "||" ) != std::string::npos )
+        return fail( title + "too many separators" );
+    return matchesAsAWhole( patternPtr, text ) ||
+           fail( std::string( "Scheduler::Scheduler( Calendar )  invalid " ) + kindPtr + " format" +
+                 mismatchPtr );
 }
 
-void SchedulePlan::readDays()
+bool SchedulePlan::readDays()
 {
     const std::string title = "Scheduler::Scheduler( Calendar ) ";
-    if ( !hasGoodSeparators( myDaysStr, "days" ) )
-        return;
-    if ( !matchesAsAWhole( daysPattern, myDaysStr ) )
-        return fail( title + " invalid days format - no regex match" );
     for ( const std::string& name : parts( myDaysStr ) ) {
         const int day = dayOfName( name );
         if ( day < 0 ) {
@@ -194,17 +192,12 @@ void SchedulePlan::readDays()
     }
     if ( !makeSet( &myDays ) )
         return fail( title + " invalid duplicate days [" + myDaysStr + "]" );
-    if ( myDays.empty() )
-        return fail( title + " invalid empty daymap days [" + myDaysStr + "]" );
+    return !myDays.empty() || fail( title + " invalid empty daymap days [" + myDaysStr + "]" );
 }
 
-void SchedulePlan::readHours()
+bool SchedulePlan::readHours()
 {
     const std::string title = "Scheduler::Scheduler( Calendar ) ";
-    if ( !hasGoodSeparators( myHoursStr, "hours" ) )
-        return;
-    if ( !matchesAsAWhole( hoursPattern, myHoursStr ) )
-        return fail( title + " invalid hours format" );
     for ( const std::string& text : parts( myHoursStr ) ) {
         int seconds = 0;
         if ( !readTimeOfDay( text, &seconds ) )
@@ -213,8 +206,7 @@ void SchedulePlan::readHours()
     }
     if ( !makeSet( &myHours ) )
         return fail( title + " invalid duplicate hours [" + myHoursStr + "]" );
-    if ( myHours.empty() )
-        return fail( title + " no valid hours found[" + myHoursStr + "]" );
+    return !myHours.empty() || fail( title + " no valid hours found[" + myHoursStr + "]" );
 }
 
 bool SchedulePlan::readTimeOfDay( const std::string& text, int* secondsPtr )

@@ -97,10 +97,11 @@ public:
     }
 
 private:
-    void fail( const std::string& text );
-    bool hasGoodSeparators( const std::string& text, const char* kindPtr );
-    void readDays();
-    void readHours();
+    bool fail( const std::string& text );
+    bool hasGoodForm( const std::string& text, const char* kindPtr, const char* patternPtr,
+                      const char* mismatchPtr );
+    bool readDays();
+    bool readHours();
     bool readTimeOfDay( const std::string& text, int* secondsPtr );
     void readStartTime();
     std::int64_t nextCalendar( std::int64_t utc, std::int64_t local, const TimeZone& zone,

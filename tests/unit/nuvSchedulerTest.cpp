@@ -129,7 +129,7 @@ TEST( SchedulePlanTexts, ThatAreNoPlanSaySo )
           calendar + " invalid conversion error days [Mon|Mon|Monday]" },
         { { "Mon|monday", good }, calendar + " invalid duplicate days [Mon|monday]" },
         { { "Mon", "|" }, calendar + "invalid hours format - leading separator" },
-        { { "Mon", "8:00" }, calendar + " invalid hours format" },
+        { { "Monday", "8:00" }, calendar + " invalid hours format" }, // forms come first
         { { "Mon", "24:00:00" }, calendar + " invalid hours conversion error [24:00:00]" },
         { { "Mon", "8:0:0|08:00:00" }, calendar + " invalid duplicate hours [8:0:0|08:00:00]" },
         { { good, 0, anyPeriod }, periodic + " invalid hourPeriod [0]" },
