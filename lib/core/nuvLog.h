@@ -159,7 +159,7 @@ private:
     std::atomic< Severity > mySeverity = debug;
 };
 
-enum Preference
+enum Preference : int
 {
     includeDebug = 0,
     excludeDebug = 1

@@ -42,7 +42,7 @@ class NUV_API ThreadedTask
 public:
     /// 0 is the highest, 6 the lowest; the thread's nice value is 5 x priority - 10. (The system
     /// keeps 20 as 19, which counts as priority 6.)
-    enum Priority
+    enum Priority : int // of a fixed type: other values are possible, and refused
     {
         priorityHighest = 0,
         priorityVeryHigh = 1,
