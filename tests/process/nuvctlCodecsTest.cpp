@@ -21,7 +21,6 @@ TEST( NuvctlCodecs, ShowAndEncode )
 {
     const std::tuple< const char*, std::string, std::string > rows[] = {
         // words, input, output
-        { "encode base64", "Man", "TWFu\n" },
         { "decode base64 -", "TWFu\nTQ==\n", "ManM" },
         { "decode base64 --json",
           "gP8=", "{\n  \"size\": 2,\n  \"bytes\": {\n    \"$base64\": \"gP8=\"\n  }\n}\n" },
@@ -59,10 +58,9 @@ TEST( NuvctlCodecs, ShowAndEncode )
         EXPECT_EQ( output, outcome.output ) << wordsPtr;
         EXPECT_EQ( "0", std::to_string( outcome.exitStatus() ) + outcome.errors ) << wordsPtr;
     }
-    const std::string item = "d4:filel3:a\"b2:\x80\xFE"
-                             "i-7eee";
-    const NuvTest::Outcome json = nuvctl( "decode bencode --json", item );
-    EXPECT_EQ( item, nuvctl( "encode bencode", json.output ).output );
+    const std::string item = "d4:filel3:a\"b2:\x80\xFEi-7eee";
+    const std::string json = nuvctl( "decode bencode --json", item ).output;
+    EXPECT_EQ( item, nuvctl( "encode bencode", json ).output );
 }
 
 TEST( NuvctlCodecs, RefusalsNameTheFault )
@@ -73,13 +71,11 @@ TEST( NuvctlCodecs, RefusalsNameTheFault )
         { "decode bencode", "i1ei2e", 1, "nuvctl: 3 bytes follow the item\n" },
         { "decode bencode --json", "d1:\xFFi1ee", 1, "nuvctl: the key" },
         { "encode bencode", "[", 1, "nuvctl: the input is no JSON" },
-        { "encode bencode", "[1.5]", 1, "nuvctl: 1.5 has no form" },
         { "encode bencode", "[2147483648]", 1, "nuvctl: 2147483648 needs more than 32 bits" },
         { "encode bencode", std::string( 300, '[' ) + std::string( 300, ']' ), 1,
           "nuvctl: nested too deeply" },
         { "encode archive", "int 1\nbool yes\n", 1,
           "nuvctl: line 2: \"yes\" is no value of type bool\n" },
-        { "encode archive", "string \\q\n", 1, "nuvctl: line 1:" },
         { "encode archive", "text x\n", 1,
           "nuvctl: there is no type \"text\"; there are bool, char," },
         { "decode archive", "x", 1,

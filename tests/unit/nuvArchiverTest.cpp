@@ -138,10 +138,10 @@ TEST( ArchiverEnd, NumbersGoOnAndTheStateTells )
 
 TEST( ArchiverStrings, OfAnyLengthLeadBack )
 {
-    EXPECT_EQ( "a\0\0\0\3ab\xE9w\0\0\0\3\0a\x20\xAC\x80\1\0\0\0\1c"s,
-               archive( []( OutputArchiver& out ) {
-                   ( out << "ab\xE9" << L"a\x20AC\x8001" ).putString( "c" );
-               } ) );
+    const auto write = []( OutputArchiver& out ) {
+        ( out << "ab\xE9" << L"a\x20AC\x8001" ).putString( "c" );
+    };
+    EXPECT_EQ( "a\0\0\0\3ab\xE9w\0\0\0\3\0a\x20\xAC\x80\1\0\0\0\1c"s, archive( write ) );
     for ( const std::size_t size : { 0, 511, 512, 513, 1024, 1025, 5000 } ) {
         const std::string text( size, 'y' );
         const std::wstring wideText( size, static_cast< wchar_t >( -0x7F42 ) );
@@ -166,7 +166,6 @@ TEST( ArchiverItems, ReadAsTabled )
     const std::tuple< std::string, const char*, std::string > rows[] = {
         { "a\0\0\0\3ab\xE9w\0\0\0\2\0a\x20\xAC\0\0\0\2\0b"s, "nnrn", "ab\xE9,a.,\0b,"s + noString },
         { "w\0\0\0\1\0aa\0\0\0\2ab"s, "www", "a,ab," + noWString },
-        { "A", "n", "invalid string tag" },
         { "a\0\0\0\0a\0\0"s, "nn", "," + noString }, // the cut count is not that of before
         { "a\xFF\xFF\xFF\xFFxxxx", "n", noString },  // no 4 GiB are taken
         { "w\xFF\xFF\xFF\xFFxxxx", "n", noString },
@@ -175,7 +174,6 @@ TEST( ArchiverItems, ReadAsTabled )
         { "x", "o", "invalid class tag" },
         { "ca\0\0\0\1Zd"s, "o", "invalid class name" },
         { "cN", "o", "invalid string tag" },
-        { "C\0\0\0\0C\xFF\xFF\xFF\xFF"s, "o", "eof in readObject()" },
         { "ca\0\0\0\1AdC\0\0\0\0d?"s, "o", "invalid class tag" },
         // A class that comes twice has both indexes.
         { newA + newB + newA + old( 0 ) + old( 1 ) + old( 2 ), "oooooo", "A,B,A,A,B,A," },
