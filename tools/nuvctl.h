@@ -13,7 +13,8 @@
 /// The parts of nuvctl: one function for each command, run after the command line has been read.
 ///
 /// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
-/// check, health, global, decode) or compute (encode, decode, crc, regex) run without the process frame:
+/// check, health, global, decode) or compute (encode, decode, crc, regex, time, tz, sched) run
+/// without the process frame:
 /// they create no directory, no log and no interprocess object, count as nobody's user and wait for
 /// no lock, so that they work while everything else hangs. "zones set", "global set", "log emit",
 /// send and serve act through the library, inside the frame, after refuseIfLocked() has seen that
@@ -212,5 +213,27 @@ struct RegexOptions
     bool myIgnoresCase = false;
 };
 int searchRegex( const CommonOptions& common, const RegexOptions& options );
+
+struct TimeOptions
+{
+    std::string myZone; ///< empty: the zone in force
+    std::string myTime; ///< empty: now
+};
+int showTime( const CommonOptions& common, const TimeOptions& options );
+int showZone( const CommonOptions& common, const TimeOptions& options );
+
+struct ScheduleOptions
+{
+    std::string myDays;
+    std::string myHours;
+    std::string myStart;
+    int myPeriodHours = 0;
+    bool myIsPeriodic = false;
+    std::string myMode = "aligned"; ///< or any
+    std::string myZone;
+    std::string myFrom; ///< empty: now
+    unsigned int myCount = 5;
+};
+int showSchedule( const CommonOptions& common, const ScheduleOptions& options );
 
 } // namespace Nuv::Ctl

@@ -34,6 +34,8 @@ struct CommandLine
     CodecOptions myCodec;
     CrcOptions myCrc;
     RegexOptions myRegex;
+    TimeOptions myTime;
+    ScheduleOptions mySchedule;
     bool myYes = false;
     std::function< int() > myCommand;
 };
@@ -266,6 +268,53 @@ void addRegex( CLI::App* appPtr, CommandLine* linePtr )
     regexPtr->add_flag( "-i,--ignore-case", optionsPtr->myIgnoresCase, "Fold letters" );
 }
 
+int showScheduleByOptions( const CommandLine& line )
+{
+    const ScheduleOptions& options = line.mySchedule;
+    if ( !options.myIsPeriodic && ( options.myDays.empty() || options.myHours.empty() ) )
+        return complain( "sched: give --days and --hours, or --start and --period" ), wrongUsage;
+    return showSchedule( line.myCommon, options );
+}
+
+void addTimes( CLI::App* appPtr, CommandLine* linePtr )
+{
+    CLI::App* const timePtr =
+        addCommand( appPtr, "time", "Show a time in UTC and in a zone", linePtr,
+                    [=] { return showTime( linePtr->myCommon, linePtr->myTime ); } );
+    timePtr->add_option( "--zone", linePtr->myTime.myZone, "Instead of the zone in force" );
+    timePtr->add_option( "time", linePtr->myTime.myTime,
+                         "Seconds since 1970, or YYYY-MM-DD HH:MM[:SS] in local time, with Z "
+                         "behind it in UTC; without it, now" );
+    CLI::App* const zonePtr = addCommand(
+        appPtr, "tz", "Show the time zone in force and why, its changes around now, and its faults",
+        linePtr, [=] { return showZone( linePtr->myCommon, linePtr->myTime ); } );
+    zonePtr->add_option( "name", linePtr->myTime.myZone, "Another zone" );
+    CLI::App* const schedPtr = addCommand( appPtr, "sched", "Show when a schedule comes", linePtr,
+                                           [=] { return showScheduleByOptions( *linePtr ); } );
+    ScheduleOptions* const optionsPtr = &linePtr->mySchedule;
+    auto* const daysPtr =
+        schedPtr->add_option( "--days", optionsPtr->myDays, "As in \"Mon|friday\"" );
+    auto* const hoursPtr =
+        schedPtr->add_option( "--hours", optionsPtr->myHours, "As in \"8:00:00|20:30:00\"" );
+    auto* const startPtr =
+        schedPtr->add_option( "--start", optionsPtr->myStart, "Start time, h:m:s" );
+    auto* const periodPtr =
+        schedPtr->add_option( "--period", optionsPtr->myPeriodHours, "Hours from time to time" )
+            ->each( [=]( const std::string& ) { optionsPtr->myIsPeriodic = true; } );
+    daysPtr->needs( hoursPtr );
+    hoursPtr->needs( daysPtr );
+    startPtr->needs( periodPtr )->excludes( daysPtr );
+    periodPtr->needs( startPtr );
+    schedPtr
+        ->add_option( "--mode", optionsPtr->myMode,
+                      "aligned (the default: the period divides a day, or is 1 to 7 days), or any" )
+        ->check( CLI::IsMember( { "aligned", "any" } ) );
+    schedPtr->add_option( "--zone", optionsPtr->myZone, "Instead of the zone in force" );
+    schedPtr->add_option( "--from", optionsPtr->myFrom, "The time of its start instead of now" );
+    schedPtr->add_option( "--count", optionsPtr->myCount, "How many times (5)" )
+        ->check( CLI::Range( 1u, 100000u ) );
+}
+
 void addOthers( CLI::App* appPtr, CommandLine* linePtr )
 {
     addCommand( appPtr, "paths", "Show the special pathnames and where each comes from", linePtr,
@@ -285,7 +334,8 @@ void addOthers( CLI::App* appPtr, CommandLine* linePtr )
     addIpc( appPtr, linePtr );
     CLI::App* const checkPtr = addCommand(
         appPtr, "check",
-        "Find mistakes in nuvs.conf, log.conf, mainApp.conf and boot.info that the reader forgives",
+        "Find mistakes in nuvs.conf, log.conf, mainApp.conf and boot.info that the "
+        "reader forgives",
         linePtr, [=] { return checkConfiguration( linePtr->myCommon, linePtr->myCheckedFile ); } );
     checkPtr->add_option( "file", linePtr->myCheckedFile,
                           "The file; without it all files of this installation" );
@@ -355,6 +405,7 @@ int main( int argc, char** argv )
     addShared( &app, &line );
     addCodecs( &app, &line );
     addRegex( &app, &line );
+    addTimes( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
     if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&
          app.get_subcommands(

@@ -28,7 +28,7 @@ namespace Nuv::Utils {
 /// Errors:  before the parts are read, hasHeader(), then isLengthConsistent() must hold; indexes
 ///          are the caller's duty.
 /// Owns:    nothing; the data is borrowed.
-class ZoneFileBlock
+class NUV_API ZoneFileBlock
 {
 public:
     struct LocalType
