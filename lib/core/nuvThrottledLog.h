@@ -86,7 +86,7 @@ public:
 private:
     bool isDue();
 
-    Severity mySeverity;
+    [[maybe_unused]] Severity mySeverity;
     ThrottledLogEntry* myEntryPtr;
     Mt::MutexLock myLock;
     bool myUnthrottled = false;

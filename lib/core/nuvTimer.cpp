@@ -267,8 +267,8 @@ std::uint32_t TimerTaskImpl::serveTimers()
 // @return what remains, in ms
 std::uint32_t TimerTaskImpl::countDown( Timer* timerPtr )
 {
-    const Mt::MutexLock lock( timerPtr->myMutex );
     Timer* const tPtr = timerPtr;
+    const Mt::MutexLock lock( tPtr->myMutex );
     nuvAssert( tPtr->myExpireTimeInMs != 0 );
     tPtr->myStopwatch.decrementByElapsedTime( &tPtr->myRemainingMs );
     return tPtr->myRemainingMs;
