@@ -11,15 +11,14 @@
 #include "nuvThreadedTask.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -67,10 +66,15 @@ public:
     int result() { return waitForTaskCompletion( infinite ) ? exitCode() : -1; }
 };
 
-int waitForChild( pid_t childId )
+// @return the status with which the child has ended
+template < class Action >
+int runForked( const Action& action, pid_t* childIdPtr )
 {
+    *childIdPtr = ::fork();
+    if ( *childIdPtr == 0 )
+        action();
     int status = 0;
-    ::waitpid( childId, &status, 0 );
+    ::waitpid( *childIdPtr, &status, 0 );
     return status;
 }
 
@@ -145,25 +149,12 @@ int showRecords()
     return task.result();
 }
 
-volatile int ourOne = 1;
-volatile int ourZero = 0;
 int* volatile ourNullPtr = nullptr;
 
 // With a negative value in a register that the report has.
 NUV_UNCHECKED void segv()
 {
     asm volatile( "movl $1, (%0)" : : "a"( ourNullPtr ), "D"( -2L ) : "memory" );
-}
-
-NUV_UNCHECKED void fpe()
-{
-    ourOne = ourOne / ourZero;
-}
-
-void bus()
-{
-    const int fd = ::open( ".", O_TMPFILE | O_RDWR, 0600 ); // mapped beyond its end
-    *static_cast< volatile char* >( ::mmap( nullptr, 4096, PROT_WRITE, MAP_SHARED, fd, 0 ) ) = 1;
 }
 
 // The links of a freed block are broken, so the next allocation dies within malloc, its arena
@@ -208,10 +199,8 @@ void abortMeanwhile()
 
 void forkedChild()
 {
-    const pid_t childId = ::fork();
-    if ( childId == 0 )
-        segv();
-    const int status = waitForChild( childId );
+    pid_t childId;
+    const int status = runForked( &segv, &childId );
     say( std::to_string( childId ) + " " + std::to_string( WTERMSIG( status ) ) );
     segv();
 }
@@ -228,12 +217,12 @@ int forkAndExit()
 {
     std::atexit( [] { say( "parent's exit handler" ); } );
     std::printf( "parent\n" ); // not written out yet
-    const pid_t childId = ::fork();
-    if ( childId == 0 ) {
+    pid_t childId;
+    const auto endChild = [] {
         std::printf( "child\n" );
         std::exit( 5 );
-    }
-    std::printf( "status %d\n", waitForChild( childId ) );
+    };
+    std::printf( "status %d\n", runForked( endChild, &childId ) );
     std::fflush( stdout );
     return 0;
 }
@@ -241,15 +230,15 @@ int forkAndExit()
 // A signal to the child, which has the parent's handler, must not come out of the parent's pipe.
 int forkAndSignal()
 {
-    const pid_t childId = ::fork();
-    if ( childId == 0 ) {
+    pid_t childId;
+    const auto raiseInChild = [] {
         sigset_t none;
         sigemptyset( &none );
         ::sigprocmask( SIG_SETMASK, &none, nullptr );
         ::raise( SIGTERM );
         ::_exit( 0 );
-    }
-    const int status = waitForChild( childId );
+    };
+    const int status = runForked( raiseInChild, &childId );
     listen();
     return status;
 }
@@ -266,16 +255,13 @@ constexpr Mode modes[] = {
     { "exit", []() -> int { std::exit( ourArgument ); } },
     { "throw", [] { return static_cast< int >( throwers[ourArgument - 1]() ); } },
     { "listen", &listen },
+    { "signal", [] { return ::raise( ourArgument ); } },
     { "raise", [] { return Mt::SignalHandler::raise( ourArgument ), listen(); } },
     { "interrupt", &interruptOften },
     { "records", &showRecords },
     { "forkExit", &forkAndExit },
     { "forkSignal", &forkAndSignal },
     { "segv", [] { return segv(), 0; } },
-    { "abrt", []() -> int { std::abort(); } },
-    { "fpe", [] { return fpe(), 0; } },
-    { "ill", []() -> int { __builtin_trap(); } },
-    { "bus", [] { return bus(), 0; } },
     { "malloc", [] { return insideMalloc(), 0; } },
     { "two", [] { return twoThreads(), 0; } },
     { "forkedChild", [] { return forkedChild(), 0; } },

@@ -258,6 +258,9 @@ void runOnTables( const Words& words )
                                  zoneArgument( words[1] ) );
     else if ( command == "drain" )
         printDrain( words[1] );
+    else if ( command == "timemode" )
+        std::cout << ( Log::Drain::ourTimeMode == Log::Drain::localTime ? "local" : "universal" )
+                  << std::endl;
     else if ( command == "fifo" )
         printFifo();
     else if ( command == "overruns" )
