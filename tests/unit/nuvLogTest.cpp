@@ -78,15 +78,6 @@ TEST_F( LogZone, SourceEmitsFromTheThresholdOn )
     EXPECT_EQ( Lines{ "kept" }, lines( myCapture ) );
 }
 
-TEST( LogSource, BelongsToItsZoneOrToSyslogIfFatal )
-{
-    EXPECT_EQ( "Nuv", Source( warning, nullptr ).zone().myName.view() );
-    EXPECT_EQ( "abcdefghijklmno", Source( warning, "abcdefghijklmnopq" ).zone().myName.view() );
-    EXPECT_EQ( "Syslog", Source( fatal, "any" ).zone().myName.view() );
-    EXPECT_EQ( "Syslog", getStandardSource( fatal ).zone().myName.view() );
-    EXPECT_EQ( "Nuv", getStandardSource( error ).zone().myName.view() );
-}
-
 TEST_F( LogZone, StatementEvaluatesOperandsOnlyIfItEmitsAndLeavesErrnoAlone )
 {
     LogAppHelper::zoneSeverity( "fatal", "zone" );

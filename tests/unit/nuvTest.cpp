@@ -12,24 +12,6 @@ using Nuv::LogicException;
 using Nuv::ResourceException;
 using Nuv::RuntimeException;
 
-namespace {
-
-class ReasonedException : public RuntimeException
-{
-public:
-    explicit ReasonedException( int reason )
-        : RuntimeException( "", reason, 0 )
-    {
-    }
-    void getReasonStr() const override
-    {
-        nuvAssert( myReason == 1 );
-        myText = "first reason";
-    }
-};
-
-} // namespace
-
 TEST( NuvRuntimeException, WhatComposesTextReasonAndErrorNumberOnce )
 {
     const std::tuple< const char*, int, int, const char* > rows[] = {
@@ -45,8 +27,6 @@ TEST( NuvRuntimeException, WhatComposesTextReasonAndErrorNumberOnce )
         EXPECT_STREQ( exception.what(), whatPtr );
         EXPECT_STREQ( RuntimeException( exception ).what(), whatPtr ); // copied after composing
     }
-    EXPECT_STREQ( ReasonedException( 1 ).what(), "first reason [1,0]" );
-    EXPECT_THROW( ReasonedException( 2 ).what(), LogicException );
 }
 
 TEST( NuvFixedTextException, KeepsTheFirst199Characters )
