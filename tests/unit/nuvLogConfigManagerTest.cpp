@@ -180,9 +180,10 @@ TEST_F( LogConfig, SourcesOutliveForksTheManagerAndMissingInterprocessObjects )
 
 TEST_F( LogConfig, ProcessEndsWellWhileItsThreadsLog )
 {
-    for ( const char* const enabledPtr : { "false", "true" } ) {
-        configure( std::string( "[zone/own]\ndrain = own\n[logApp]\nenabled = " ) + enabledPtr );
-        EXPECT_EQ( "20 ends\n", run( { "exit" } ) );
+    for ( int i = 0; i < 10; ++i ) {
+        configure( std::string( "[zone/own]\ndrain = own\n[logApp]\nenabled = " ) +
+                   ( i % 2 == 0 ? "true" : "false" ) );
+        EXPECT_EQ( run( { "exit" } ), "" );
     }
 }
 

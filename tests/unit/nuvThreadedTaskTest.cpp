@@ -77,6 +77,8 @@ TEST_F( ThreadedTasks, RunUntilTheirFunctionReturns )
     EXPECT_EQ( task.exitCode(), 42 );
     EXPECT_FALSE( task.isRunning() || task.terminateThread() ) << "no thread any more";
     EXPECT_EQ( exitCodeOf( []( ThreadedTask& ) -> unsigned int { throw 1; } ), -1 );
+    EXPECT_EQ( exitCodeOf( []( ThreadedTask& ) -> unsigned int { ::pthread_exit( nullptr ); } ),
+               -1 );
     ThreadedTask empty( nullptr, nullptr, nullptr, normal );
     EXPECT_TRUE( isEnded( empty ) );
     EXPECT_EQ( empty.exitCode(), -1 );
