@@ -292,6 +292,7 @@ ConfigManager::~ConfigManager()
     mySharedMemoryPtr->detachLeavingCopy();
     mySharedMemoryPtr.reset();
     for ( const auto& [name, drainPtr] : myDrainMap ) {
+        drainPtr->leaveSharedMemory();
         if ( drainPtr != myLogAppDrainPtr.get() && drainPtr != myInterprocessDrainPtr.get() )
             retire( drainPtr );
     }

@@ -378,6 +378,14 @@ void Drain::open( const Options& options, int facility )
         myFifoPtr = std::make_unique< Io::InterprocessFifo >(
             myOptions.fileName.c_str(), static_cast< unsigned int >( myOptions.maxSize ) );
         break;
+    case Options::http:
+        myHttpPosterPtr = std::make_unique< HttpPoster >( myOptions.remoteAddr );
+        try {
+            myLostMessagesPtr = std::make_unique< LostMessages >( myName );
+        } catch ( const ResourceException& ) {
+            // The drain does without: what it loses is counted in this process only.
+        }
+        break;
     default:
         break;
     }
@@ -398,6 +406,14 @@ void Drain::close()
     myStreamBufPtr = nullptr;
     myFile.close();
     myFifoPtr.reset();
+    myHttpPosterPtr.reset();
+    myLostMessagesPtr.reset();
+}
+
+void Drain::leaveSharedMemory()
+{
+    const Mt::MutexLock lock( myMutex );
+    myLostMessagesPtr.reset();
 }
 
 Drain::~Drain() = default;
@@ -412,13 +428,20 @@ void Drain::outputMessage( Severity severity, const Utils::Buffer& message,
     const Mt::MutexLock lock( myMutex );
     bool isWritten = false;
     try {
-        isWritten = put( severity, message );
+        isWritten = put( severity, message, zoneNamePtr );
     } catch ( ... ) {
         // What an output throws (a stream buffer of the application's, no memory, a semaphore that
         // is gone) must not reach who logs.
     }
     if ( !isWritten )
-        myNbrOfLost.fetch_add( 1, std::memory_order_relaxed );
+        countLost();
+}
+
+void Drain::countLost()
+{
+    myNbrOfLost.fetch_add( 1, std::memory_order_relaxed );
+    if ( myLostMessagesPtr )
+        myLostMessagesPtr->count();
 }
 
 namespace {
@@ -441,7 +464,7 @@ bool putSystemLog( int level, std::string_view message )
 
 } // namespace
 
-bool Drain::put( Severity severity, const Utils::Buffer& message )
+bool Drain::put( Severity severity, const Utils::Buffer& message, const char* zoneNamePtr )
 {
     switch ( myOptions.type ) {
     case Options::standardError:
@@ -458,6 +481,8 @@ bool Drain::put( Severity severity, const Utils::Buffer& message )
         if ( !myFifoPtr->write( message ) )
             ourFifoOverrunCount.fetch_add( 1, std::memory_order_relaxed );
         return true;
+    case Options::http:
+        return myHttpPosterPtr->post( severity, message, zoneNamePtr );
     default:
         return false;
     }
@@ -506,6 +531,8 @@ NUV_STARTUP void Drain::registerForkHandlers()
 
 void Drain::afterForkInChild()
 {
+    if ( myHttpPosterPtr )
+        myHttpPosterPtr->leaveConnection();
     myFile.share();
     new ( &myMutex ) Mt::Mutex();
     new ( &myLine ) std::string();

@@ -3,6 +3,7 @@
 #include "nuvInterprocessFifo.h"
 #include "nuvLog.h"
 #include "nuvLogFile.h"
+#include "nuvLogHttp.h"
 #include "nuvMutex.h"
 
 #include <atomic>
@@ -23,7 +24,7 @@ namespace Nuv::Log {
 /// | file           | "file"   | bytes, a line feed and the marker in a file, see LogFileWriter  |
 /// | syslog         | "syslog" | a system log entry of ident "nuvs" at the severity's level      |
 /// | fifo           |          | one entry of the log application's interprocess FIFO            |
-/// | http           | "http"   | nothing yet: posting needs the HTTP client; counted as lost     |
+/// | http           | "http"   | one POST request, see HttpPoster                                |
 ///
 /// A file that cannot be opened makes its drain a null drain, silently.
 ///
@@ -35,8 +36,9 @@ namespace Nuv::Log {
 ///          written to it is formatted before. Sequence number and time of the previous line are
 ///          counted beside the mutex, so lines of several threads may come in another order.
 /// Errors:  outputMessage() throws nothing: a message that cannot be written is lost and counted.
-/// Owns:    its file or FIFO. The standard streams' buffers belong to the process.
+/// Owns:    its file, FIFO or connection. The standard streams' buffers belong to the process.
 /// Cost:    null: no call, no lock. File: LogFileWriter's. FIFO: InterprocessFifo::write()'s.
+///          HTTP: an exchange with the server, while other messages of the drain wait.
 /// Example: drainPtr->outputMessage( Log::warning, buffer, "myZone" );
 class NUV_API Drain
 {
@@ -57,8 +59,7 @@ public:
         Type type = file;
         std::string fileName = "main.log"; ///< under the root's log directory; the FIFO's name
         std::uint64_t maxSize = 245760;    ///< bytes, 0 never wraps; its low 32 bits for a FIFO
-        std::string remoteAddr = "127.1.128.1"; ///< of an HTTP drain
-        std::uint16_t remotePort = 80;
+        Net::IpV4Address remoteAddr{ 80, "127.1.128.1" }; ///< of an HTTP drain
     };
 
     /// How the time is written.
@@ -123,7 +124,10 @@ private:
     void open( const Options& options, int facility );
     /// Waits for a message that is being written; what comes later is discarded.
     void close();
-    bool put( Severity severity, const Utils::Buffer& message );
+    /// At the process's end: gives back what other processes share, and goes on without.
+    void leaveSharedMemory();
+    bool put( Severity severity, const Utils::Buffer& message, const char* zoneNamePtr );
+    void countLost();
     bool putLine( std::string_view message );
     unsigned int elapsedMs( std::uint64_t localNs );
     void countMessage() { mySequenceNbr.fetch_add( 1, std::memory_order_relaxed ); }
@@ -143,7 +147,9 @@ private:
     std::streambuf* myStreamBufPtr = nullptr; // standard streams; borrowed
     LogFileWriter myFile;
     std::unique_ptr< Io::InterprocessFifo > myFifoPtr;
-    std::string myLine;       // storage of putLine()
+    std::unique_ptr< HttpPoster > myHttpPosterPtr;
+    std::unique_ptr< LostMessages > myLostMessagesPtr; // null where shared memory could not be had
+    std::string myLine;                                // storage of putLine()
     int myReferenceCount = 0; // guarded by the configuration manager's mutex
     Drain* myNextRetiredPtr = nullptr;
     std::atomic< std::uint32_t > myNbrOfLost = 0;

@@ -49,6 +49,23 @@ const Utils::Config::Node* findBelow( const Utils::Config::Node& parent, const s
     return nullptr;
 }
 
+/// What is no port or no dotted address leaves the default.
+Net::IpV4Address remoteAddress( const Utils::Config::Node& section,
+                                const Net::IpV4Address& defaultAddress )
+{
+    std::uint16_t port = defaultAddress.port();
+    const unsigned int number = section.uIntValue( "remotePort", port );
+    if ( number <= 0xFFFF )
+        port = static_cast< std::uint16_t >( number );
+    const std::string text = section.stringValue( "remoteAddr", "" );
+    try {
+        if ( !text.empty() )
+            return Net::IpV4Address( port, text );
+    } catch ( const Net::IpAddrException& ) {
+    }
+    return Net::IpV4Address( port, defaultAddress.addrCode() );
+}
+
 } // namespace
 
 Drain::TimeMode Settings::timeMode() const
@@ -131,10 +148,7 @@ void Settings::drainOptions( const DrainName& name, Drain::Options* optionsPtr )
         optionsPtr->maxSize =
             sizeOfK( sectionPtr->uIntValue( "fileMaxSizeInK", ourDefaultSizeInK ) );
     } else if ( optionsPtr->type == Drain::Options::http ) {
-        const unsigned int port = sectionPtr->uIntValue( "remotePort", optionsPtr->remotePort );
-        if ( port <= 0xFFFF )
-            optionsPtr->remotePort = static_cast< std::uint16_t >( port );
-        optionsPtr->remoteAddr = sectionPtr->stringValue( "remoteAddr", optionsPtr->remoteAddr );
+        optionsPtr->remoteAddr = remoteAddress( *sectionPtr, optionsPtr->remoteAddr );
     }
 }
 

@@ -195,9 +195,6 @@ TEST_F( LogDrain, EveryTypeGetsTheBytesAndAFileThatCannotBeOpenedIsNull )
         drain.seekFileMarker();
         EXPECT_EQ( 0u, drain.nbrOfLost() ) << "discarding is what a null drain is for";
     }
-    Drain http( "h", options( Drain::Options::http ), 0 );
-    http.outputMessage( error, ourMessage, "z" );
-    EXPECT_EQ( 1u, http.nbrOfLost() );
     Drain( "s", options( Drain::Options::syslog ), 0 ).outputMessage( error, ourMessage, "z" );
     EXPECT_EQ( "a %s\nb", ourSystemLogText ) << "a NUL would end the text";
 }

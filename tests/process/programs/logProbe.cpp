@@ -72,8 +72,8 @@ void printDrain( const std::string& name )
     Log::Drain* const drainPtr = manager().openDrain( name.c_str() );
     const Log::Drain::Options& options = drainPtr->options();
     std::cout << drainPtr->name().view() << ' ' << Log::Drain::typeKeyword( options.type ) << ' '
-              << options.fileName << ' ' << options.maxSize << ' ' << options.remoteAddr << ' '
-              << options.remotePort << std::endl;
+              << options.fileName << ' ' << options.maxSize << ' ' << options.remoteAddr.asString()
+              << ' ' << options.remoteAddr.port() << std::endl;
     manager().closeDrain( drainPtr );
 }
 
