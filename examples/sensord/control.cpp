@@ -6,6 +6,7 @@ using namespace Nuv;
 
 Control::Control()
     : mySources( "control" )
+    , myUnknownCommands( mySources, "unknown command", 2 )
     , myPipe( "sensord" )
 {
     add( "help", [this] {
@@ -38,14 +39,18 @@ void Control::start()
     myTaskPtr = new Mt::ThreadedTask( function, "control", this, Mt::ThreadedTask::priorityNormal );
 }
 
-std::string Control::answerTo( const Utils::Buffer& message ) const
+std::string Control::answerTo( const Utils::Buffer& message )
 {
     Utils::String command( std::string( message.view() ) );
     command.trimLeft();
     command.trimRight();
     const auto iter = myFunctions.find( command );
-    return iter != myFunctions.end() ? iter->second()
-                                     : "there is no command \"" + command + "\"; try \"help\"\n";
+    if ( iter != myFunctions.end() )
+        return iter->second();
+    // A client in a loop must not flood the log.
+    nuvThrottledLogTo( Log::warning, &myUnknownCommands )
+        << "unknown command \"" << command << "\"";
+    return "there is no command \"" + command + "\"; try \"help\"\n";
 }
 
 void Control::serveOne()

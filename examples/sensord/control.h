@@ -3,6 +3,7 @@
 #include <nuvLog.h>
 #include <nuvPipe.h>
 #include <nuvThreadedTask.h>
+#include <nuvThrottledLog.h>
 
 #include <atomic>
 #include <functional>
@@ -40,9 +41,10 @@ public:
 private:
     void run();
     void serveOne();
-    std::string answerTo( const Nuv::Utils::Buffer& message ) const;
+    std::string answerTo( const Nuv::Utils::Buffer& message );
 
     Nuv::Log::SourceSet mySources;
+    Nuv::Log::ThrottledLogEntry myUnknownCommands;
     std::map< std::string, std::function< std::string() > > myFunctions;
     std::atomic< unsigned int > myNbrOfMessages = 0;
     std::atomic< bool > myIsStopping = false;

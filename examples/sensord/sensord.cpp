@@ -16,6 +16,7 @@
 #include <nuvGlobal.h>
 #include <nuvMainThread.h>
 #include <nuvPathname.h>
+#include <nuvScheduler.h>
 #include <nuvSignalHandler.h>
 #include <nuvSubsystemInfo.h>
 
@@ -116,7 +117,8 @@ private:
     const Sensor::Settings& mySettings;
     Sensor::Health myHealth;
     Sensor::Helper myHelper;
-    Sensor::Control myControl; // the last: its thread uses the others
+    Utils::Scheduler mySummary; // has the samplers report four times a day
+    Sensor::Control myControl;  // the last: its thread uses the others
 };
 
 Station::Station( const Sensor::Settings& settings, std::function< void() > report )
@@ -125,6 +127,8 @@ Station::Station( const Sensor::Settings& settings, std::function< void() > repo
                     Io::Pathname( Io::Pathname( Io::Pathname::executablePathname ).parentStr() ),
                     "sensordHelper" )
                     .str() )
+    , mySummary( [report]( Utils::Scheduler* ) { return report(), 0; },
+                 "Mon|Tue|Wed|Thu|Fri|Sat|Sun", "0:00:00|6:00:00|12:00:00|18:00:00", "summary" )
 {
     Io::CtConfig::singletonPtr();
     commit( HealthAndSecurity::stateStarting, "starting" );
@@ -132,6 +136,9 @@ Station::Station( const Sensor::Settings& settings, std::function< void() > repo
     myControl.add( "model", platformText );
     myControl.add( "counters", [this] { return myHealth.counters(); } );
     myControl.add( "averages", [this] { return myHelper.averages(); } );
+    myControl.add( "schedule", [this] {
+        return mySummary.showSchedule() + "\n" + mySummary.showSecondsUntilNextCallback() + "\n";
+    } );
     myControl.add( "kill-helper", [this] {
         return myHelper.kill() ? "the helper is killed; it will be started anew\n"
                                : "the helper does not run\n";
