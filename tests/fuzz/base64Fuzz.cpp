@@ -2,13 +2,12 @@
 // bytes come in portions or at once, and decoding leads back from what was encoded.
 
 #include "nuvBase64.h"
-
-#include <cstdlib>
-#include <string>
+#include "nuvFuzz.h"
 
 namespace {
 
 using namespace Nuv::Utils;
+using NuvFuzz::require;
 
 std::string encoded( const std::string& bytes, std::size_t portion )
 {
@@ -42,15 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t 
     if ( nbrOfBytes == 0 )
         return 0;
     const std::size_t portion = dataPtr[0] % 67 + 1;
-    const std::string bytes( reinterpret_cast< const char* >( dataPtr + 1 ), nbrOfBytes - 1 );
+    const std::string bytes = NuvFuzz::text( dataPtr + 1, nbrOfBytes - 1 );
     const std::string text = encoded( bytes, nbrOfBytes );
-    if ( encoded( bytes, portion ) != text || decoded( text, nbrOfBytes * 2 ) != bytes ||
-         decoded( text, portion ) != bytes )
-        std::abort();
+    require( encoded( bytes, portion ) == text && decoded( text, nbrOfBytes * 2 ) == bytes &&
+             decoded( text, portion ) == bytes );
     // What comes after the end of a text, or after a NUL, depends on the portions by design.
     const std::string ours = bytes.substr( 0, bytes.find_first_of( std::string( "=\0", 2 ) ) );
-    if ( decoded( ours, portion ) != decoded( ours, nbrOfBytes ) )
-        std::abort();
+    require( decoded( ours, portion ) == decoded( ours, nbrOfBytes ) );
     decoded( bytes, portion );
     return 0;
 }

@@ -1,9 +1,7 @@
 // Decodes the bytes; what decodes is encoded, and that must decode to the same again.
 
 #include "nuvBEncoder.h"
-
-#include <cstdlib>
-#include <string>
+#include "nuvFuzz.h"
 
 namespace {
 
@@ -26,12 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t 
 {
     std::string first;
     try {
-        first = encodedAgain(
-            std::string_view( reinterpret_cast< const char* >( dataPtr ), nbrOfBytes ) );
+        first = encodedAgain( NuvFuzz::text( dataPtr, nbrOfBytes ) );
     } catch ( const BEncoder::DecodeException& ) {
         return 0;
     }
-    if ( encodedAgain( first ) != first )
-        std::abort();
+    NuvFuzz::require( encodedAgain( first ) == first );
     return 0;
 }

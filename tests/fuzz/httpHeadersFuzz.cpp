@@ -2,21 +2,16 @@
 // must survive being written and read again.
 
 #include "nuvBuffer.h"
+#include "nuvFuzz.h"
 #include "nuvHttp.h"
 
-#include <cstdlib>
 #include <string>
 
 namespace {
 
 using namespace Nuv;
+using NuvFuzz::require;
 using namespace Nuv::Net::Http;
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
 
 void readBlock( std::string_view text )
 {

@@ -1,6 +1,6 @@
+#include "nuvFuzz.h"
 #include "nuvPipeFrame.h"
 
-#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,10 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t 
     PipeFrame frame( "ServerPipe", &sources );
     Nuv::Utils::Buffer data;
     try {
-        while ( frame.read( readEnd, "P", &data, 0, PipeFrame::Patience::fromStart ) ) {
-            if ( data.size() > nbrOfBytes )
-                std::abort();
-        }
+        while ( frame.read( readEnd, "P", &data, 0, PipeFrame::Patience::fromStart ) )
+            NuvFuzz::require( data.size() <= nbrOfBytes );
     } catch ( const PipeReadTimeoutException& ) {
     } catch ( const PipeDataValidationException& ) {
     }

@@ -2,23 +2,18 @@
 // come pattern, NUL and subject. The match is the same whenever outcomes begin to be kept, lies
 // within the subject, contains its groups, and is found without absurd work.
 
+#include "nuvFuzz.h"
 #include "nuvRegEx.h"
 #include "nuvRegExMatcher.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace {
 
 using namespace Nuv::Utils;
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
+using NuvFuzz::require;
 
 void checkGroups( const RegEx::SearchResults& results, const std::string& subject, bool isFound )
 {

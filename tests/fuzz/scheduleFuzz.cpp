@@ -1,21 +1,16 @@
 // The texts of schedules: a first byte for the kind, then two texts of which the first ends at a
 // line feed. A valid plan has next times that rise, all of them times of the plan.
 
+#include "nuvFuzz.h"
 #include "nuvSchedulePlan.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 using namespace Nuv::Utils;
+using NuvFuzz::require;
 
 namespace {
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
 
 // Local time is UTC: a zone without data.
 void requireRisingTimes( SchedulePlan* planPtr, int period )

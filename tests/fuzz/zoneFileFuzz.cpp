@@ -1,20 +1,15 @@
 // A zone file of any bytes: a zone that is sound gives its tables, and times that come back.
 
+#include "nuvFuzz.h"
 #include "nuvTimeZone.h"
 
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 
 using namespace Nuv::Utils;
+using NuvFuzz::require;
 
 namespace {
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
 
 // What the clock of the zone shows at a time is read as a time that it shows so too.
 void requireTheWayBack( const TimeZone& zone, std::int64_t utc )
