@@ -60,6 +60,11 @@ Log::Severity severityOf( const std::string& keyword )
     return severity;
 }
 
+void emit( const Log::Source& source, const std::string& text )
+{
+    nuvLogTo( source ) << text;
+}
+
 void printZone( const Log::Zone& zone )
 {
     std::cout << zone.myName.view() << ' ' << Log::severityKeyword( zone.severity() ) << ' '
@@ -113,8 +118,7 @@ void pending()
     std::atomic< ::pid_t > threadId = 0;
     std::thread builder( [&threadId] {
         threadId = ::gettid();
-        const Log::Source source( Log::error, "builder" );
-        nuvLogTo( source ) << "builder";
+        emit( Log::Source( Log::error, "builder" ), "builder" );
         Mt::ThreadletonMgr::singletonPtr()->deleteThreadletons();
     } );
     while ( threadId == 0 || !isBlocked( threadId ) )
@@ -125,8 +129,8 @@ void pending()
     ourSources.erase( ourSources.begin() + 1 );
     const auto emitAll = []( const char* textPtr ) {
         for ( const auto& sourcePtr : ourSources )
-            nuvLogTo( *sourcePtr ) << textPtr;
-        nuvLogTo( Log::getStandardSource( Log::error ) ) << textPtr;
+            emit( *sourcePtr, textPtr );
+        emit( Log::getStandardSource( Log::error ), textPtr );
     };
     emitAll( "lost" );
     semaphore.post();
@@ -141,17 +145,15 @@ void forkWhileLogging()
     std::vector< std::thread > threads;
     for ( int t = 0; t < 3; ++t ) {
         threads.emplace_back( [&isEnded] {
-            while ( !isEnded ) {
-                const Log::Source source( Log::error, "parent" );
-                nuvLogTo( source ) << "parent";
-            }
+            while ( !isEnded )
+                emit( Log::Source( Log::error, "parent" ), "parent" );
         } );
     }
     int nbrOfGood = 0;
     for ( int i = 0; i < 100; ++i ) {
         const ::pid_t child = ::fork();
         if ( child == 0 ) {
-            ::alarm( 5 );
+            ::alarm( 30 );
             const Log::Source source( Log::error, "child" );
             nuvLogTo( source ) << "child";
             Log::LogAppHelper::zoneFlags( Log::defaultZoneFlags, "child" );
@@ -179,9 +181,8 @@ void exitWhileThreadsLog()
             }
         } ).detach();
     }
-    while ( ourNbrOfLines < 100 ) {
+    while ( ourNbrOfLines < 100 )
         std::this_thread::yield();
-    }
     std::exit( 0 );
 }
 
@@ -190,11 +191,6 @@ void logBeyondTheEnd()
     ourLate.mySource.severity( Log::error );
     ourLate.mySource.init( "late" );
     nuvLogTo( ourLate.mySource ) << "in time";
-}
-
-void emit( const Log::Source& source, const std::string& text )
-{
-    nuvLogTo( source ) << text;
 }
 
 // @return whether the command is one of these
