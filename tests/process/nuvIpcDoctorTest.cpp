@@ -6,25 +6,24 @@
 #include "nuvPipe.h"
 #include "nuvSemaphore.h"
 #include "nuvSharedMemory.h"
+#include "nuvTestTrace.h"
 #include "nuvToolFixture.h"
 
 #include <algorithm>
 #include <csignal>
-#include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <set>
-#include <sys/ptrace.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Nuv::Tools {
 namespace {
 
+using NuvTest::canTrace;
 using NuvTest::ChildProcess;
+using NuvTest::killAtChange;
 using NuvTest::Outcome;
 
 std::string ipcDirectory()
@@ -90,57 +89,6 @@ void useObjects()
         ::_exit( 1 );
 }
 
-/// Whether the call that a traced child is stopped at makes, changes or removes something that
-/// other processes see.
-bool isChange( pid_t pid )
-{
-    static const std::set< std::uint64_t > calls = {
-        SYS_semget, SYS_semctl,  SYS_shmget, SYS_shmat, SYS_shmdt,
-        SYS_shmctl, SYS_mknodat, SYS_unlink, SYS_write, SYS_read,
-#ifdef SYS_ipc
-        SYS_ipc, // operations on sets have no number of their own in this width
-#else
-        SYS_semop,  SYS_semtimedop,
-#endif
-    };
-    __ptrace_syscall_info info{};
-    ::ptrace( PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast< void* >( sizeof( info ) ), &info );
-    if ( info.op != PTRACE_SYSCALL_INFO_ENTRY )
-        return false;
-    if ( info.entry.nr == SYS_openat )
-        return ( info.entry.args[2] & O_CREAT ) != 0;
-    return calls.count( info.entry.nr ) != 0;
-}
-
-/// Kills a child that runs the function when it is about to make its n-th change (from 1), so
-/// behind everything it did before. @return false if it ended before that
-bool killAtChange( int n, void ( *function )() )
-{
-    const pid_t pid = ::fork();
-    if ( pid == 0 ) {
-        ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr );
-        ::raise( SIGSTOP );
-        function();
-        ::_exit( 0 );
-    }
-    int status = 0;
-    ::waitpid( pid, &status, 0 );
-    ::ptrace( PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL );
-    for ( int nbrOfChanges = 0; nbrOfChanges < n; ) {
-        ::ptrace( PTRACE_SYSCALL, pid, nullptr, nullptr );
-        ::waitpid( pid, &status, 0 );
-        if ( WIFEXITED( status ) || WIFSIGNALED( status ) ) {
-            EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
-            return false;
-        }
-        if ( isChange( pid ) )
-            ++nbrOfChanges;
-    }
-    ::kill( pid, SIGKILL );
-    ::waitpid( pid, &status, 0 );
-    return true;
-}
-
 void expectNothingLeft()
 {
     const Inventory inventory = Inventory::read( ipcDirectory() );
@@ -159,11 +107,6 @@ protected:
     void SetUp() override
     {
         NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } );
-    }
-    static bool canTrace()
-    {
-        const auto trace = [] { EXPECT_EQ( ::ptrace( PTRACE_TRACEME, 0, nullptr, nullptr ), 0 ); };
-        return NuvTest::runInChild( trace ).exitStatus() == 0;
     }
 };
 
