@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +37,29 @@ Utils::Handle openFifo( const Utils::String& pathname, int flags )
 {
     return Utils::Handle( Utils::retryOnEintr(
         [&] { return ::open( pathname.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY ); } ) );
+}
+
+// Of the semaphore that tells of an available server. Should this process be killed before
+// keepTaken(), the system posts what it took: else the server would wait for a client that is not
+// there, and no other could connect. @return false when the time is over
+bool takeRevocably( const Mt::Semaphore& semaphore, unsigned int timeoutMs )
+{
+    const Utils::MsTimer timer;
+    for ( ;; ) {
+        sembuf take = { Mt::Semaphore::semaphoreIdx, -1, IPC_NOWAIT | SEM_UNDO };
+        if ( Utils::retryOnEintr( [&] { return ::semop( semaphore.handle(), &take, 1 ); } ) == 0 )
+            return true;
+        if ( errno != EAGAIN || timer.totalTime() >= timeoutMs )
+            return false;
+        ::usleep( 1000 );
+    }
+}
+
+void keepTaken( const Mt::Semaphore& semaphore )
+{
+    sembuf keep[] = { { Mt::Semaphore::semaphoreIdx, +1, SEM_UNDO },
+                      { Mt::Semaphore::semaphoreIdx, -1, 0 } }; // in one step: nobody sees it free
+    Utils::retryOnEintr( [&] { return ::semop( semaphore.handle(), keep, 2 ); } );
 }
 
 bool makeBlocking( int fd )
@@ -176,6 +200,8 @@ void ServerPipe::connect()
     close();
     if ( myIsStopTaken )
         throw Exception( failure, 0, 0 );
+    while ( myServerConnectSema.peek() ) { // for a client that died meanwhile
+    }
     myServerConnectSema.post();
     logStep( "   myClientConnectSema.wait()", "connect" );
     myClientConnectSema.wait();
@@ -256,7 +282,7 @@ void ClientPipe::connect( unsigned int timeoutMs, bool quiet )
     static constexpr char failure[] = "The connect to the specified Io::ClientPipe failed.";
     logStep( "Begin", "connect" );
     close();
-    if ( !myServerConnectSema.peek( timeoutMs ) ) {
+    if ( !takeRevocably( myServerConnectSema, timeoutMs ) ) {
         if ( !quiet ) {
             nuvLogTo( mySources.source( Log::error ) )
                 << "errSystemError connect timed out [ClientPipe::connect]";
@@ -265,6 +291,7 @@ void ClientPipe::connect( unsigned int timeoutMs, bool quiet )
     }
     logStep( "   myClientConnectSema.post()", "connect" );
     myClientConnectSema.post();
+    keepTaken( myServerConnectSema );
     logStep( "   ::open( myOutPipeNameStr )", "connect" );
     const Utils::String* failedPtr = openOut() ? nullptr : &myOutPipeNameStr;
     if ( failedPtr == nullptr ) {

@@ -1,5 +1,6 @@
 #include "nuvPipeHash.h"
 
+#include <bit>
 #include <cstring>
 
 #if defined( __SSE2__ )
@@ -11,8 +12,6 @@ namespace Nuv::Io {
 namespace {
 
 constexpr std::uint32_t factor = 63;
-constexpr std::size_t blockSize = 32;
-constexpr unsigned int nbrOfLanes = 8;
 
 constexpr std::uint32_t power( unsigned int exponent )
 {
@@ -31,10 +30,13 @@ std::uint32_t hashBytes( std::uint32_t hash, const char* ptr, std::size_t length
     return hash;
 }
 
-// The hash is a polynomial in 63, so that blocks can be summed in lanes that do not wait for each
-// other: every lane takes four bytes of each block, and the lanes are weighted at the end.
+// The hash is a polynomial in 63, so that the bytes of a block can be summed by their weights
+// without waiting for each other.
 
 #if defined( __SSE2__ )
+
+constexpr std::size_t blockSize = 32;
+constexpr unsigned int nbrOfLanes = 8;
 
 // Four sums of four bytes each: ((b0 * 63 + b1) * 63 + b2) * 63 + b3.
 __m128i quads( const char* ptr )
@@ -66,7 +68,8 @@ struct QuadLanes
     __m128i odd = _mm_setzero_si128();
 };
 
-void sumBlocks( const char* ptr, std::size_t nbrOfBlocks, std::uint32_t ( &lanes )[nbrOfLanes] )
+// Every lane takes four bytes of each block; the lanes are weighted at the end.
+std::uint32_t hashBlocks( const char* ptr, std::size_t nbrOfBlocks )
 {
     const __m128i blockWeight = _mm_set1_epi32( static_cast< int >( power( blockSize ) ) );
     QuadLanes first;
@@ -75,20 +78,55 @@ void sumBlocks( const char* ptr, std::size_t nbrOfBlocks, std::uint32_t ( &lanes
         first.add( quads( ptr ), blockWeight );
         second.add( quads( ptr + 16 ), blockWeight );
     }
+    std::uint32_t lanes[nbrOfLanes];
     first.store( lanes );
     second.store( lanes + 4 );
+    std::uint32_t hash = 0;
+    for ( const std::uint32_t lane : lanes ) {
+        hash = hash * power( 4 ) + lane;
+    }
+    return hash;
 }
 
 #else
 
-void sumBlocks( const char* ptr, std::size_t nbrOfBlocks, std::uint32_t ( &lanes )[nbrOfLanes] )
+constexpr std::size_t blockSize = 16;
+
+static_assert( std::endian::native == std::endian::little );
+
+// Two sums of two bytes each, b0 * 63 + b1 in the lower half and b2 * 63 + b3 in the upper one. The
+// bytes are taken as unsigned, 128 too large.
+std::uint32_t pairs( const char* ptr )
 {
-    constexpr std::uint32_t blockWeight = power( blockSize );
-    for ( std::size_t i = 0; i < nbrOfBlocks; ++i, ptr += blockSize ) {
-        for ( unsigned int lane = 0; lane < nbrOfLanes; ++lane ) {
-            lanes[lane] = lanes[lane] * blockWeight + hashBytes( 0, ptr + 4 * lane, 4 );
+    std::uint32_t word;
+    std::memcpy( &word, ptr, sizeof( word ) );
+    word ^= 0x80808080;
+    const std::uint32_t even = word & 0x00FF00FF;
+    return ( even << 6 ) - even + ( ( word - even ) >> 8 );
+}
+
+std::uint32_t hashBlocks( const char* ptr, std::size_t nbrOfBlocks )
+{
+    constexpr std::uint32_t surplus = [] {
+        std::uint32_t sum = 0;
+        for ( unsigned int i = 0; i < blockSize; ++i ) {
+            sum = sum * factor + 128;
         }
+        return sum;
+    }();
+    std::uint32_t hash = 0;
+    for ( std::size_t i = 0; i < nbrOfBlocks; ++i, ptr += blockSize ) {
+        const std::uint32_t p0 = pairs( ptr );
+        const std::uint32_t p1 = pairs( ptr + 4 );
+        const std::uint32_t p2 = pairs( ptr + 8 );
+        const std::uint32_t p3 = pairs( ptr + 12 );
+        const std::uint32_t lower = ( p0 & 0xFFFF ) * power( 12 ) + ( p1 & 0xFFFF ) * power( 8 ) +
+                                    ( p2 & 0xFFFF ) * power( 4 ) + ( p3 & 0xFFFF );
+        const std::uint32_t upper = ( p0 >> 16 ) * power( 12 ) + ( p1 >> 16 ) * power( 8 ) +
+                                    ( p2 >> 16 ) * power( 4 ) + ( p3 >> 16 );
+        hash = hash * power( blockSize ) + lower * power( 2 ) + upper - surplus;
     }
+    return hash;
 }
 
 #endif
@@ -105,12 +143,7 @@ std::uint32_t pipeDataHash( std::string_view data )
             ? data.size()
             : static_cast< std::size_t >( static_cast< const char* >( zeroPtr ) - data.data() );
     const std::size_t nbrOfBlocks = length / blockSize;
-    std::uint32_t lanes[nbrOfLanes] = {};
-    sumBlocks( data.data(), nbrOfBlocks, lanes );
-    std::uint32_t hash = 0;
-    for ( const std::uint32_t lane : lanes ) {
-        hash = hash * power( 4 ) + lane;
-    }
+    const std::uint32_t hash = hashBlocks( data.data(), nbrOfBlocks );
     return hashBytes( hash, data.data() + nbrOfBlocks * blockSize, length % blockSize );
 }
 

@@ -11,7 +11,7 @@ namespace Nuv::Io {
 /// before the first zero byte.
 ///
 /// Threads: any.
-/// Cost:    a pass for the zero byte and one in lanes, several bytes a cycle.
+/// Cost:    a pass for the zero byte and one by blocks, a byte a cycle or more.
 NUV_API std::uint32_t pipeDataHash( std::string_view data );
 
 } // namespace Nuv::Io
