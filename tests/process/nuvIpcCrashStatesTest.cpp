@@ -128,6 +128,8 @@ std::string stepText( pid_t pid, const CallInfo& info, const Inventory& inventor
                path.substr( path.rfind( '/' ) + 1 );
     }
     default:
+        if ( args[2] > 1 )
+            return "keep " + nameOfSet( inventory, args[0] ) + " taken";
         return operationText( inventory, args[0], peek< sembuf >( pid, args[1] ) );
     }
 }
@@ -469,6 +471,13 @@ void killWithinCommit( const std::function< HealthAndSecurity::BaseStatusSetter*
 
 class IpcCrashStates : public NuvTest::RootFixture
 {
+    // The folders and the master semaphore, made by a process that then is gone.
+    void SetUp() override
+    {
+        ASSERT_EQ(
+            NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } ).exitStatus(), 0 );
+    }
+    void TearDown() override { NuvTest::removeInterprocessObjects(); }
 };
 
 } // namespace
@@ -480,9 +489,6 @@ TEST_F( IpcCrashStates, PageTellsWhatIsFound )
 #endif
     if ( !NuvTest::canTrace() || sizeof( void* ) < 8 )
         GTEST_SKIP() << "no child can be traced here, or its calls have other names";
-    // The folders and the master semaphore, made by a process that then is gone.
-    ASSERT_EQ( NuvTest::runInChild( [] { Mt::Semaphore semaphore( "first", 1 ); } ).exitStatus(),
-               0 );
     Matrix matrix;
     matrix.sweep( "Semaphore", "job", begin, [] {
         Mt::Semaphore semaphore( "job", 1 );
@@ -549,12 +555,52 @@ TEST_F( IpcCrashStates, PageTellsWhatIsFound )
             ask( &pipe );
         },
         serverPeer );
-    NuvTest::removeInterprocessObjects();
 
     if ( const char* const pathPtr = std::getenv( "NUV_CRASH_STATES_PAGE" ) )
         NuvTest::writeFile( pathPtr, matrix.page() );
     else
         EXPECT_EQ( matrix.page(), NuvTest::readFile( NUV_SOURCE_FOLDER "/docs/crash-states.md" ) );
+}
+
+TEST_F( IpcCrashStates, ClientKilledAtAnyStepLeavesTheServerToTheNextOne )
+{
+    if ( !NuvTest::canTrace() )
+        GTEST_SKIP() << "no child can be traced here";
+    ChildProcess server( [] {
+        beginWithPipe();
+        Io::CtConfig::handshakeTimeoutMs = 200;
+        Io::ServerPipe pipe( "job" );
+        std::cout << "ready" << std::endl;
+        for ( ;; ) {
+            if ( outcomeOf( [&] { pipe.connect(); }, "" ).empty() &&
+                 !outcomeOf( [&] { serve( &pipe ); }, "" ).empty() )
+                pipe.disconnect();
+        }
+    } );
+    ASSERT_EQ( server.readLine(), "ready" );
+    const auto client = [] {
+        Io::ClientPipe pipe( "job" );
+        pipe.connect( 30000, false );
+        ask( &pipe );
+    };
+    int n = 1;
+    for ( ; NuvTest::killAtChange( n, client, {}, beginWithPipe ) && !HasFailure(); ++n ) {
+        SCOPED_TRACE( "step " + std::to_string( n ) );
+        Repair repair( ipcDirectory(), []( const Finding& ) { return true; }, { 0, 0 } );
+        std::string error;
+        EXPECT_TRUE( repair.run( &error ) ) << error; // of the master, perhaps
+        // What the killed one had begun may cost one attempt more.
+        const NuvTest::Outcome next = NuvTest::runInChild( [&client] {
+            beginWithPipe();
+            if ( outcomeOf( client, "" ).empty() )
+                return;
+            EXPECT_EQ( outcomeOf( client, "gets its answer" ), "gets its answer" );
+        } );
+        EXPECT_EQ( next.exitStatus(), 0 ) << next.errors << next.output;
+    }
+    EXPECT_GT( n, 20 );
+    server.kill( SIGKILL );
+    server.wait();
 }
 
 } // namespace Nuv::Tools
