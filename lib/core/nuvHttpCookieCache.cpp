@@ -60,7 +60,7 @@ CookieInfo::CookieInfo( const char* hostPtr, const char* setCookieTextPtr )
     }
     if ( myPath.empty() ) {
         nuvLogTo( getStandardSource( debug ) ) << "Cookie assigned unspecified path string to /";
-        myPath = "/";
+        myPath = '/'; // as text g++ 12 sees an overlap in it when it optimises
     }
 }
 

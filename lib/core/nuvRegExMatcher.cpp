@@ -257,7 +257,8 @@ RegExMatcher::Next RegExMatcher::enterRun( State* statePtr )
 {
     const Node& node = myPlan.myNodes[statePtr->myNode];
     const Pos pos = statePtr->myPos;
-    const Pos end = keepsAll() ? keptRunEnd( statePtr->myNode, pos ) : runEnd( node, pos );
+    const Pos end = keepsAll() ? keptRunEnd( statePtr->myNode, pos )
+                               : runEnd( node, pos, runLimit( node, pos ) );
     if ( end - pos < node.myMin )
         return fail( statePtr );
     if ( node.myIsGreedy && !keepsAll() ) {
@@ -291,10 +292,13 @@ RegExMatcher::Pos RegExMatcher::keptRunEnd( Index run, Pos pos )
     const Node& node = myPlan.myNodes[run];
     RegExScratch::Run* const ptr = runPtr( run );
     if ( node.myMax != 0 )
-        return runEnd( node, pos );
-    if ( pos < ptr->myFrom || pos > ptr->myEnd ) {
+        return runEnd( node, pos, runLimit( node, pos ) );
+    const bool isBefore = pos < ptr->myFrom && ptr->myFrom <= ptr->myEnd;
+    if ( isBefore && runEnd( node, pos, ptr->myFrom ) == ptr->myFrom ) {
         ptr->myFrom = pos;
-        ptr->myEnd = runEnd( node, pos );
+    } else if ( pos < ptr->myFrom || pos > ptr->myEnd ) {
+        ptr->myFrom = pos;
+        ptr->myEnd = runEnd( node, pos, mySize );
     }
     return ptr->myEnd;
 }
@@ -312,11 +316,16 @@ void RegExMatcher::keepFailure( const Frame& frame )
     ptr->myFailTo = touches ? std::max( to, ptr->myFailTo ) : to;
 }
 
-// How far the characters of a run reach, up to its maximum.
-RegExMatcher::Pos RegExMatcher::runEnd( const Node& node, Pos pos )
+// How far a run can reach at most.
+RegExMatcher::Pos RegExMatcher::runLimit( const Node& node, Pos pos ) const
 {
     const Pos room = mySize - pos;
-    const Pos limit = pos + ( node.myMax == 0 ? room : std::min< Pos >( room, node.myMax ) );
+    return pos + ( node.myMax == 0 ? room : std::min< Pos >( room, node.myMax ) );
+}
+
+// How far the characters of a run reach.
+RegExMatcher::Pos RegExMatcher::runEnd( const Node& node, Pos pos, Pos limit )
+{
     if ( node.myOp == RegExPlan::opRunAny )
         return limit;
     const char* const fromPtr = mySubjectPtr + pos;
@@ -563,8 +572,9 @@ RegExMatcher::Pos RegExMatcher::trace( Index index, Pos pos, RegExGroup* groupsP
 // A run of which nothing is kept went as far as it could.
 RegExMatcher::Pos RegExMatcher::tracedRun( Index run, Pos pos )
 {
+    const Node& node = myPlan.myNodes[run];
     const RegExOutcomes::Entry* const entryPtr = myScratchPtr->myOutcomes.find( run, pos );
-    return entryPtr != nullptr ? entryPtr->myDecision : runEnd( myPlan.myNodes[run], pos );
+    return entryPtr != nullptr ? entryPtr->myDecision : runEnd( node, pos, runLimit( node, pos ) );
 }
 
 // A repeat of which nothing is kept had no round.

@@ -174,7 +174,8 @@ private:
 
     RegExScratch::Run* runPtr( Index run );
     Pos keptRunEnd( Index run, Pos pos );
-    Pos runEnd( const Node& node, Pos pos );
+    Pos runLimit( const Node& node, Pos pos ) const;
+    Pos runEnd( const Node& node, Pos pos, Pos limit );
     Pos stepEnd( const Node& node, Pos pos ) const;
     Index candidate( Index branch, Pos pos ) const;
     bool isOpenTo( Index index, Pos pos ) const
