@@ -1,6 +1,5 @@
-#include "nuvTestSupport.h"
+#include "nuvTestInterprocess.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <set>
@@ -21,12 +20,9 @@ std::set< std::string > namesIn( const std::string& directory )
 
 int nbrOfSystemVObjects()
 {
-    int count = 0;
-    for ( const char* kindPtr : { "sem", "shm", "msg" } ) {
-        const std::string text = readFile( std::string( "/proc/sysvipc/" ) + kindPtr );
-        count += static_cast< int >( std::count( text.begin(), text.end(), '\n' ) ) - 1;
-    }
-    return count;
+    using Kernel = InterprocessFixture;
+    return Kernel::nbrOfKernelObjects( "sem" ) + Kernel::nbrOfKernelObjects( "shm" ) +
+           Kernel::nbrOfKernelObjects( "msg" );
 }
 
 } // namespace

@@ -108,21 +108,16 @@ TEST_F( SignalHandling, MissingPipeIsAResourceFailureAndTheNextUseTriesAgain )
 
 TEST_F( SignalHandling, CoreDirectoryIsNamedAfterTheProgram )
 {
-    const std::pair< const char*, const char* > cases[] = {
-        { nullptr, "nuvSignalHandlerTest" },
-        { "/opt/bin/--sensor.d.bin", "sensor.d" },
-        { "/opt/bin/plain", "plain" },
-    };
-    for ( const auto& one : cases ) {
-        passInChild( [&one] {
-            if ( one.first != nullptr )
-                Io::Pathname::setPathnameOfExecutable( one.first );
+    for ( const std::string name : { "--sensor.d.bin", "plain" } ) {
+        passInChild( [&name] {
+            Io::Pathname::setPathnameOfExecutable( ( "/opt/bin/" + name ).c_str() );
             ::umask( 077 );
             SignalHandler::singletonPtr();
             struct stat info = {};
-            for ( const std::string& path : { std::string(), std::string( one.second ) } ) {
-                EXPECT_EQ( ::stat( root( "ixoRoot/core/" + path ).c_str(), &info ), 0 ) << path;
-                EXPECT_EQ( info.st_mode & 07777, 0770u ) << path;
+            for ( const char* const pathPtr : { "", name == "plain" ? "plain" : "sensor.d" } ) {
+                EXPECT_EQ(
+                    ::stat( root( std::string( "ixoRoot/core/" ) + pathPtr ).c_str(), &info ), 0 );
+                EXPECT_EQ( info.st_mode & 07777, 0770u ) << pathPtr;
             }
             EXPECT_EQ( ::umask( 0 ), 077u );
         } );

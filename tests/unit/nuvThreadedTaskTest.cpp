@@ -1,5 +1,6 @@
 #include "nuvThreadedTask.h"
 
+#include "nuvSemaphore.h"
 #include "nuvTestCapabilityDevice.h"
 #include "nuvTestInterprocess.h"
 #include "nuvTestWrap.h"
@@ -144,6 +145,30 @@ TEST_F( ThreadedTasks, InheritTheNameAndDeleteTheirThreadletonsWithTheInterruptS
     EXPECT_EQ( isPassed, 1 );
     EXPECT_EQ( ourNbrOfObjects, 0 );
     mine.nameStrPtr( SubsystemInfo::NamePtr() );
+}
+
+TEST_F( ThreadedTasks, ShowInTheirRecordWhatTheyWaitFor )
+{
+    Semaphore semaphore( "threads", 0 );
+    std::atomic< SubsystemInfo::ThreadDetails* > sharedPtr = nullptr;
+    Body wait = [&]( ThreadedTask& ) {
+        sharedPtr = SubsystemInfo::threadletonPtr()->detailPtr();
+        return semaphore.wait() ? 0u : 1u;
+    };
+    ThreadedTask task( &runBody, "a task whose name is longer than 32 characters", &wait, normal );
+    ASSERT_TRUE( waitFor( [&] { return sharedPtr != nullptr; } ) );
+    SubsystemInfo::ThreadDetails& record = *sharedPtr;
+    EXPECT_TRUE( waitFor( [&] {
+        return std::atomic_ref( record.myWaitKind ) == 2u &&
+               std::atomic_ref( record.myWaitObject ) == semaphore.handle();
+    } ) );
+    EXPECT_STREQ( record.myDescription, "a task whose name is longer than" );
+    EXPECT_EQ( record.myState, 1u );
+    semaphore.post();
+    EXPECT_TRUE( isEnded( task ) );
+    EXPECT_EQ( record.myInUse + record.myWaitKind, 0u );
+    EXPECT_EQ( record.myWaitObject, 0 );
+    EXPECT_EQ( record.myState, 2u );
 }
 
 // The threads leave their threadletons: in a child that is not searched for leaks.

@@ -5,9 +5,7 @@
 // attaches none.
 
 #include "nuvMainThread.h"
-#include "nuvSemaphore.h"
 #include "nuvSignalHandler.h"
-#include "nuvSubsystemInfo.h"
 #include "nuvThreadedTask.h"
 
 #include <atomic>
@@ -133,22 +131,6 @@ int interruptOften()
     return task.result() == 0 ? listen() : 1;
 }
 
-int showRecords()
-{
-    Mt::Semaphore semaphore( "frameProbe", 0 );
-    say( std::to_string( semaphore.handle() ) );
-    Body wait = [&] {
-        semaphore.wait();
-        Mt::SubsystemInfo::threadletonPtr()->detail()->statusMessage( "has waited" );
-        say( "waited" );
-        return 0u;
-    };
-    Task task( "a task whose name is longer than 32 characters", &wait );
-    listen();
-    semaphore.post();
-    return task.result();
-}
-
 int* volatile ourNullPtr = nullptr;
 
 // With a negative value in a register that the report has.
@@ -258,7 +240,6 @@ constexpr Mode modes[] = {
     { "signal", [] { return ::raise( ourArgument ); } },
     { "raise", [] { return Mt::SignalHandler::raise( ourArgument ), listen(); } },
     { "interrupt", &interruptOften },
-    { "records", &showRecords },
     { "forkExit", &forkAndExit },
     { "forkSignal", &forkAndSignal },
     { "segv", [] { return segv(), 0; } },
