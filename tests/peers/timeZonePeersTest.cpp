@@ -54,15 +54,7 @@ void expectTheWayBack( const TimeZone& zone, std::int64_t utc, std::int64_t loca
     // Within an offset of the first transition the default type reads local times, not theirs.
     if ( std::abs( utc - zone.transitionTimes().front() ) < 86400 )
         return;
-    std::int64_t back = 0;
-    try {
-        back = zone.toUtc( local, static_cast< TimeZone::Hint >( isDst ) );
-    } catch ( const TimeZone::Exception& exception ) {
-        ADD_FAILURE() << utc << " " << exception.what();
-        return;
-    }
-    if ( back == utc )
-        return;
+    const std::int64_t back = zone.toUtc( local, static_cast< TimeZone::Hint >( isDst ) );
     const std::tm theirs = theirLocal( back );
     EXPECT_TRUE( TimeZone::timeCode64( theirs ) == local && ( theirs.tm_isdst > 0 ) == isDst )
         << utc << " comes back as " << back;
@@ -72,14 +64,14 @@ TEST( TimeZonePeer, TheCLibraryShowsTheSameTimesInEveryZone )
 {
     if ( !std::filesystem::is_directory( "/usr/share/zoneinfo" ) )
         GTEST_SKIP() << "there are no zone files (package tzdata)";
-    int nbrOfZones = 0;
+    bool isAnyCompared = false;
     for ( const std::string& name : zoneNames() ) {
         SCOPED_TRACE( name );
         const TimeZone zone( name );
         ASSERT_TRUE( zone.hasData() );
         if ( zone.isSlim() )
             continue;
-        ++nbrOfZones;
+        isAnyCompared = true;
         ::setenv( "TZ", ( ":/usr/share/zoneinfo/" + name ).c_str(), 1 );
         ::tzset();
         for ( const std::int64_t utc : samples( zone ) ) {
@@ -93,8 +85,7 @@ TEST( TimeZonePeer, TheCLibraryShowsTheSameTimesInEveryZone )
             expectTheWayBack( zone, utc, local, isDst );
         }
     }
-    RecordProperty( "zones", nbrOfZones );
-    EXPECT_GT( nbrOfZones, 0 );
+    EXPECT_TRUE( isAnyCompared );
 }
 
 } // namespace

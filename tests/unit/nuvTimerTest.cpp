@@ -86,18 +86,16 @@ TEST_F( Timers, ADisabledActionIsSkippedUntilTheTimerIsArmedAgain )
     counted.timerPtr->expireTime( 1, Timer::periodic );
     counted.timerPtr->disableAction();
     counted.timerPtr->doAction();
-    pass( 1500 ); // arms again, which enables
-    EXPECT_EQ( counted.count, 0 );
-    pass( 1500 );
-    counted.timerPtr->doAction();
-    EXPECT_EQ( counted.count, 2 );
+    for ( const int count : { 0, 1 } ) { // the first expiry arms again, which enables
+        pass( 1500 );
+        EXPECT_EQ( counted.count, count );
+    }
     Timer none;
-    none.doAction();
     none.enableAction();
     NuvTest::expectFailure( "myAlarmActionFunc != NULL", [&] { none.doAction(); } );
     none.setCallBack( &Counted::call, &counted );
     none.doAction();
-    EXPECT_EQ( counted.count, 3 );
+    EXPECT_EQ( counted.count, 2 );
 }
 
 TEST_F( Timers, AnActionMayRearmDisarmDestroyAndThrow )
@@ -118,9 +116,9 @@ TEST_F( Timers, AnActionMayRearmDisarmDestroyAndThrow )
     pass( 2000 );
     pass( 1000 );
     EXPECT_EQ( disarming.timerPtr, nullptr );
-    const int counts[] = { rearming.count, disarming.count, suicidal.count, murderous.count };
-    EXPECT_TRUE( std::ranges::equal( counts, std::vector< int >{ 2, 1, 1, 1 } ) );
-    EXPECT_EQ( throwing.count, 3 );
+    EXPECT_EQ( std::vector< int >( { rearming.count, disarming.count, suicidal.count,
+                                     murderous.count, throwing.count } ),
+               std::vector< int >( { 2, 1, 1, 1, 3 } ) );
     EXPECT_TRUE(
         capture.contains( "errSystemError timer action catch(STL runtime error) no luck" ) );
     suicidal.timerPtr = std::make_unique< Timer >( &Counted::call, &suicidal );
