@@ -236,4 +236,32 @@ struct ScheduleOptions
 };
 int showSchedule( const CommonOptions& common, const ScheduleOptions& options );
 
+struct GetOptions
+{
+    std::string myUri;
+    std::string myFile; ///< empty or "-": standard output
+    bool myResumes = false;
+    unsigned int myTimeoutSec = 30; ///< to connect, and without anything coming
+};
+int getUri( const CommonOptions& common, const GetOptions& options );
+
+struct PostOptions
+{
+    std::string myUri;
+    std::string myFile; ///< "-": standard input
+    std::string myType = "application/octet-stream";
+    unsigned int myTimeoutSec = 30;
+};
+int postUri( const CommonOptions& common, const PostOptions& options );
+
+struct CookiesOptions
+{
+    std::string myHost = "127.0.0.1";
+    std::string myPath = "/";
+};
+/// What becomes of the Set-Cookie values on standard input.
+int showCookies( const CommonOptions& common, const CookiesOptions& options );
+
+int showUri( const CommonOptions& common, const std::string& text );
+
 } // namespace Nuv::Ctl

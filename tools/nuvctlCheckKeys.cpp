@@ -2,10 +2,12 @@
 
 #include "nuvLogDrain.h"
 #include "nuvPathname.h"
+#include "nuvSocket.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
+#include <cstring>
 #include <deque>
 #include <grp.h>
 #include <initializer_list>
@@ -301,8 +303,20 @@ void LogCheck::drain( const std::string& name, const Node& node )
     section.number( "remotePort", 1, 65535 );
     in_addr address{};
     const std::string text = section.text( "remoteAddr" ).value_or( "127.1.128.1" );
-    if ( ::inet_pton( AF_INET, text.c_str(), &address ) != 1 )
+    if ( ::inet_pton( AF_INET, text.c_str(), &address ) != 1 ) {
         section.add( "remoteAddr", inQuotes( text ) + " is no dotted address" );
+        return;
+    }
+    const unsigned int port = node.uIntValue( "remotePort", 80 );
+    if ( port < 1 || port > 0xFFFF )
+        return;
+    try {
+        Net::TcpSocket socket( AF_INET, SOCK_STREAM, 0 );
+        socket.connect( Net::IpV4Address( static_cast< std::uint16_t >( port ), address ), 2000 );
+    } catch ( const Net::SocketException& e ) {
+        section.add( "remoteAddr", "no server answers at " + text + ":" + std::to_string( port ) +
+                                       ": " + std::strerror( e.errorNbr() ) );
+    }
 }
 
 void LogCheck::fileDrain( const std::string& name, const Section& section )

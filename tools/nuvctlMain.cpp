@@ -36,6 +36,10 @@ struct CommandLine
     RegexOptions myRegex;
     TimeOptions myTime;
     ScheduleOptions mySchedule;
+    GetOptions myGet;
+    PostOptions myPost;
+    CookiesOptions myCookies;
+    std::string myUri;
     bool myYes = false;
     std::function< int() > myCommand;
 };
@@ -315,6 +319,41 @@ void addTimes( CLI::App* appPtr, CommandLine* linePtr )
         ->check( CLI::Range( 1u, 100000u ) );
 }
 
+void addNetwork( CLI::App* appPtr, CommandLine* linePtr )
+{
+    const CLI::Range seconds( 1u, 4000000u );
+    constexpr const char* timeoutHelp = "Seconds to connect, and without anything coming";
+    GetOptions* const getPtr = &linePtr->myGet;
+    CLI::App* const getAppPtr = addCommand( appPtr, "get", "Fetch a URI over HTTP", linePtr,
+                                            [=] { return getUri( linePtr->myCommon, *getPtr ); } );
+    getAppPtr->add_option( "uri", getPtr->myUri, "http://HOST[:PORT]/PATH" )->required();
+    getAppPtr->add_option( "-o,--output", getPtr->myFile,
+                           "The file, written as FILE.part until it is whole" );
+    getAppPtr->add_flag( "--resume", getPtr->myResumes,
+                         "When the connection breaks, go on where it was, up to ten times" );
+    getAppPtr->add_option( "--timeout", getPtr->myTimeoutSec, timeoutHelp )->check( seconds );
+    PostOptions* const postPtr = &linePtr->myPost;
+    CLI::App* const postAppPtr =
+        addCommand( appPtr, "post", "Post a file over HTTP, print the answer", linePtr,
+                    [=] { return postUri( linePtr->myCommon, *postPtr ); } );
+    postAppPtr->add_option( "uri", postPtr->myUri, "http://HOST[:PORT]/PATH" )->required();
+    postAppPtr->add_option( "file", postPtr->myFile, "The file; \"-\": standard input" )
+        ->required();
+    postAppPtr->add_option( "--type", postPtr->myType, "Its Content-Type" );
+    postAppPtr->add_option( "--timeout", postPtr->myTimeoutSec, timeoutHelp )->check( seconds );
+    CLI::App* const cookiesPtr = addCommand(
+        appPtr, "cookies",
+        "Read Set-Cookie values from standard input, a line each; show how they are understood, "
+        "and what a request then sends",
+        linePtr, [=] { return showCookies( linePtr->myCommon, linePtr->myCookies ); } );
+    cookiesPtr->add_option( "path", linePtr->myCookies.myPath, "Of that request (/)" );
+    cookiesPtr->add_option( "--host", linePtr->myCookies.myHost, "The server's address" );
+    addCommand( appPtr, "uri", "Take a URI apart", linePtr,
+                [=] { return showUri( linePtr->myCommon, linePtr->myUri ); } )
+        ->add_option( "text", linePtr->myUri, "The URI" )
+        ->required();
+}
+
 void addOthers( CLI::App* appPtr, CommandLine* linePtr )
 {
     addCommand( appPtr, "paths", "Show the special pathnames and where each comes from", linePtr,
@@ -406,6 +445,7 @@ int main( int argc, char** argv )
     addCodecs( &app, &line );
     addRegex( &app, &line );
     addTimes( &app, &line );
+    addNetwork( &app, &line );
     std::vector< std::string > arguments = expandedArguments( argc, argv );
     if ( !arguments.empty() && arguments[0].substr( 0, 1 ) != "-" &&
          app.get_subcommands(

@@ -32,6 +32,8 @@ void printTable( const ZoneTable& zoneTable )
         table.add( { zone.myName, Log::severityKeyword( zone.mySeverity ),
                      zone.myFlags == 0 ? "-" : Log::zoneFlagsText( zone.myFlags ), zone.myDrain } );
     table.print();
+    for ( const auto& [name, count] : zoneTable.myLostMessages )
+        std::cout << "drain " << printable( name ) << " has lost " << count << " messages\n";
     if ( zoneTable.mySeverityOverride )
         std::cout << "zones opened from now on start at threshold "
                   << Log::severityKeyword( *zoneTable.mySeverityOverride ) << '\n';
@@ -59,6 +61,7 @@ Json tableJson( const ZoneTable& zoneTable )
     document["flagsOverride"] = zoneTable.myFlagsOverride
                                     ? Json( Log::zoneFlagsText( *zoneTable.myFlagsOverride ) )
                                     : Json( nullptr );
+    document["lostMessages"] = zoneTable.myLostMessages;
     document["presets"] = Json::object();
     for ( const auto& [name, severity] : zoneTable.myPresets )
         document["presets"][name] = Log::severityKeyword( severity );
@@ -110,6 +113,17 @@ std::optional< ZoneTable > ZoneTable::parse( const std::string& bytes )
     return table;
 }
 
+void ZoneTable::parseLostMessages( const std::string& bytes )
+{
+    using Slot = Log::LostMessages::Slot;
+    for ( std::size_t offset = 0; offset + sizeof( Slot ) <= bytes.size();
+          offset += sizeof( Slot ) ) {
+        const auto count = at< std::uint32_t >( bytes, offset + offsetof( Slot, myCount ) );
+        if ( count != 0 && at< std::uint32_t >( bytes, offset ) == Log::LostMessages::inUse )
+            myLostMessages[nameAt( bytes, offset + offsetof( Slot, myName ) )] = count;
+    }
+}
+
 std::optional< ZoneTable > ZoneTable::read()
 {
     const Tools::Inventory inventory =
@@ -117,8 +131,16 @@ std::optional< ZoneTable > ZoneTable::read()
     const Tools::NamedSegment* const segmentPtr = inventory.findSegment( "LogConfigManager" );
     if ( segmentPtr == nullptr || !segmentPtr->mySegment )
         return std::nullopt;
-    return parse( Tools::copySegment( *segmentPtr->mySegment, sizeof( Log::ConfigManager::Data ),
-                                      inventory.guardSetId( *segmentPtr ) ) );
+    std::optional< ZoneTable > table =
+        parse( Tools::copySegment( *segmentPtr->mySegment, sizeof( Log::ConfigManager::Data ),
+                                   inventory.guardSetId( *segmentPtr ) ) );
+    const Tools::NamedSegment* const lostPtr =
+        inventory.findSegment( Log::LostMessages::segmentName );
+    if ( table && lostPtr != nullptr && lostPtr->mySegment )
+        table->parseLostMessages( Tools::copySegment( *lostPtr->mySegment,
+                                                      sizeof( Log::LostMessages::Table ),
+                                                      inventory.guardSetId( *lostPtr ) ) );
+    return table;
 }
 
 int listZones( const CommonOptions& common )
