@@ -25,26 +25,5 @@ TEST( CrcValues, CheckValuesOfTheFamilies )
     EXPECT_EQ( 0x1021u, Crc16::ourTable[1] );
 }
 
-// The portions of many bytes against one byte at a time, at every length and alignment.
-TEST( CrcValues, PortionsDoNotMatter )
-{
-    std::string bytes;
-    for ( unsigned int i = 0; i < 80; ++i )
-        bytes += static_cast< char >( i * i * 37 + 11 );
-    for ( std::size_t begin = 0; begin < 9; ++begin ) {
-        Crc32 slow32( 0xDEADBEEF );
-        Crc16 slow16( 0xBEEF );
-        for ( std::size_t length = 0; begin + length < bytes.size(); ++length ) {
-            const char* const ptr = bytes.data() + begin;
-            Crc32 fast32( 0xDEADBEEF );
-            Crc16 fast16( 0xBEEF );
-            ASSERT_EQ( slow32.value(), fast32.update( ptr, length ).value() );
-            ASSERT_EQ( slow16.value(), fast16.update( ptr, length ).value() );
-            slow32.update( ptr + length, 1 );
-            slow16.update( ptr + length, 1 );
-        }
-    }
-}
-
 } // namespace
 } // namespace Nuv::Utils
