@@ -124,16 +124,14 @@ TEST( ArchiverValues, HaveTheirBytes )
 
 TEST( ArchiverEnd, NumbersGoOnAndTheStateTells )
 {
-    std::stringbuf buf( header + "\1\2\3\4\5" );
+    std::stringbuf buf( header + "\1\2\3\4\5" ), full( std::ios_base::in );
     InputArchiver in( &buf );
     int value = 0;
     in.get( &value );
     EXPECT_TRUE( in.isComplete() );
     in.get( &value ); // one byte comes, three are left from before
     EXPECT_EQ( 0x05020304, value );
-    EXPECT_FALSE( in.isComplete() );
-    std::stringbuf full( std::ios_base::in ); // takes nothing
-    EXPECT_FALSE( OutputArchiver( &full ).isComplete() );
+    EXPECT_FALSE( in.isComplete() || OutputArchiver( &full ).isComplete() ); // that takes nothing
 }
 
 TEST( ArchiverStrings, OfAnyLengthLeadBack )
