@@ -273,8 +273,8 @@ std::string Scheduler::showSchedule() const
     if ( myLastCallbackTime == Time( 0 ) )
         text += "\nThe first callback has not yet occurred";
     else
-        text += "\n  The last scheduled callback was at [" + myLastCallbackTime.asString( ourTimeFormat, zone ) +
-                "].";
+        text += "\n  The last scheduled callback was at [" +
+                myLastCallbackTime.asString( ourTimeFormat, zone ) + "].";
     if ( const char* const reasonPtr = whyUnscheduled() )
         return text + "\n" + reasonPtr;
     return text + "\n  The next scheduled callback will be at [" +
