@@ -5,7 +5,9 @@
 #include "nuvGlobal.h"
 #include "nuvGlobalHealthStatusAccessor.h"
 
+#include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -21,179 +23,115 @@ using Data = Nuv::Utils::Global::Data;
 class NuvctlShared : public ToolFixture
 {
 protected:
-    static Json json( std::vector< std::string > arguments, int expectedStatus = 0 )
+    /// A daemon that says when it is ready.
+    class Daemon : public ChildProcess
     {
-        arguments.emplace_back( "--json" );
-        const Outcome outcome = nuvctl( arguments );
-        EXPECT_EQ( outcome.exitStatus(), expectedStatus ) << outcome.output << outcome.errors;
-        return Json::parse( outcome.output, nullptr, false );
-    }
-
-    static std::unique_ptr< ChildProcess > start( const char* toolPtr,
-                                                  std::vector< std::string > arguments )
-    {
-        auto daemonPtr = std::make_unique< ChildProcess >( tool( toolPtr ),
-                                                           Start{ std::move( arguments ), {} } );
-        EXPECT_EQ( daemonPtr->readLine(), std::string( toolPtr ) + ": ready" );
-        return daemonPtr;
-    }
-    static std::unique_ptr< ChildProcess > startSensor()
+    public:
+        Daemon( const char* toolPtr, std::vector< std::string > arguments )
+            : ChildProcess( tool( toolPtr ), Start{ std::move( arguments ), {} } )
+        {
+            EXPECT_EQ( readLine(), std::string( toolPtr ) + ": ready" );
+        }
+        void stop()
+        {
+            kill( SIGTERM );
+            EXPECT_EQ( wait().exitStatus(), 0 );
+        }
+    };
+    static std::unique_ptr< Daemon > startSensor()
     {
         writeFile( installation( "etc/boot.info" ),
                    "[Platform]\nmodel = nip500\n[nip500/Capabilities]\nbypass = yes\n" );
-        return start( "sensord", { "--control", "--interval-ms", "50" } );
+        return std::make_unique< Daemon >(
+            "sensord", std::vector< std::string >{ "--control", "--interval-ms", "50" } );
     }
-
-    static std::string ask( const std::string& command )
+    static bool answers( const std::string& command, const std::string& part )
     {
-        const Outcome outcome = nuvctl( { "send", "sensord", command } );
-        EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-        return outcome.output;
+        return nuvctl( { "send", "sensord", command } ).output.find( part ) != std::string::npos;
     }
-
-    static void stop( ChildProcess& daemon )
+    static Json health( const char* recordPtr, const char* fieldPtr )
     {
-        daemon.kill( SIGTERM );
-        EXPECT_EQ( daemon.wait().exitStatus(), 0 );
+        return json( { "health" } )[recordPtr][fieldPtr];
     }
 };
 
 const RecordField* find( const RecordFields& record, const std::string& name )
 {
-    for ( const RecordField& field : record.myFields ) {
-        if ( field.myName == name )
-            return &field;
-    }
-    return nullptr;
-}
-
-bool contains( const std::string& text, const std::string& part )
-{
-    return text.find( part ) != std::string::npos;
+    const auto iter =
+        std::find_if( record.myFields.begin(), record.myFields.end(),
+                      [&name]( const RecordField& field ) { return field.myName == name; } );
+    return iter != record.myFields.end() ? &*iter : nullptr;
 }
 
 } // namespace
 
 TEST_F( NuvctlShared, WhatIsNotThereIsOneAndWrongUsageTwoAndNothingIsCreated )
 {
-    const std::string longText( 100, 'x' );
-    const struct
-    {
-        std::vector< std::string > arguments;
-        int status;
-        std::string text;
-    } cases[] = {
-        { { "health" }, 1, "no segment global-data" },
-        { { "health", "--watch", "--interval-ms", "1" }, 2, "interval" },
-        { { "global" }, 1, "no segment global-data" },
-        { { "global", "set" }, 2, "nothing to set" },
-        { { "global", "set", "--dns", "on" }, 1, "nobody would keep" },
-        { { "global", "set", "--dns", "maybe" }, 2, "dns" },
-        { { "global", "set", "--proxy", "10.0.0.1" }, 2, "ADDRESS:PORT" },
-        { { "global", "set", "--proxy", "10.0.0.1:0" }, 2, "ADDRESS:PORT" },
-        { { "global", "set", "--proxy", "10.0.0.1:65536" }, 2, "ADDRESS:PORT" },
-        { { "global", "set", "--proxy", longText + ":80" }, 2, "longer than 19" },
-        { { "global", "set", "--time-zone", longText }, 2, "longer than 99" },
-        { { "global", "set", "--offset", "90000" }, 2, "offset" },
-        { { "send", "nobody", "m" }, 1, "no server pipe" },
-        { { "send", "nobody" }, 2, "message" },
-        { { "send", "nobody", "m", "--timeout", "0" }, 2, "timeout" },
-        { { "serve", "x" }, 2, "exec" },
-        { { "serve", "x", "--exec", "/no/such" }, 1, "cannot be executed" },
-        { { "decode" }, 2, "give a format" },
-        { { "decode", "base64", "--segment", "x" }, 2, "give a format" },
-        { { "decode", "nonsense", "file" }, 2, "no format" },
-        { { "decode", "missing" }, 1, "cannot be read" },
-        { { "decode", "--segment", "x" }, 1, "no segment" },
-        { { "decode", "/proc/self/stat" }, 1, "no shared record" },
-    };
-    for ( const auto& row : cases ) {
-        SCOPED_TRACE( row.text );
-        const Outcome outcome = nuvctl( row.arguments );
-        EXPECT_EQ( outcome.exitStatus(), row.status ) << outcome.output << outcome.errors;
-        EXPECT_TRUE( contains( outcome.output + outcome.errors, row.text ) )
-            << outcome.output << outcome.errors;
-    }
+    const std::string tooLong( 100, 'x' );
+    expect( 1, "no segment global-data", { "health" } );
+    expect( 1, "no segment global-data", { "global" } );
+    expect( 2, "nothing to set", { "global", "set" } );
+    expect( 1, "nobody would keep", { "global", "set", "--dns", "on" } );
+    expect( 2, "dns", { "global", "set", "--dns", "maybe" } );
+    for ( const char* proxyPtr : { "10.0.0.1", "10.0.0.1:0", "10.0.0.1:65536", "10.0.0.1:x" } )
+        expect( 2, "ADDRESS:PORT", { "global", "set", "--proxy", proxyPtr } );
+    expect( 2, "longer than 19", { "global", "set", "--proxy", tooLong + ":80" } );
+    expect( 2, "longer than 99", { "global", "set", "--time-zone", tooLong } );
+    expect( 1, "no server pipe", { "send", "nobody", "m" } );
+    expect( 1, "cannot be executed", { "serve", "x", "--exec", "/no/such" } );
+    expect( 2, "give a format", { "decode", "base64", "--segment", "x" } );
+    expect( 2, "no format", { "decode", "nonsense", "file" } );
+    expect( 1, "cannot be read", { "decode", "missing" } );
+    expect( 1, "no segment", { "decode", "--segment", "x" } );
+    expect( 1, "no shared record", { "decode", "/proc/self/stat" } );
     EXPECT_NE( ::access( installation( "" ).c_str(), F_OK ), 0 );
     EXPECT_TRUE( Nuv::Tools::readSegments().empty() );
 }
 
-TEST_F( NuvctlShared, TwoDaemonsTalkAndShowTheirHealth )
+TEST_F( NuvctlShared, TwoDaemonsTalkShowTheirHealthAndShareTheirSettings )
 {
     NUV_SKIP_IF_SIGNALS_BREAK_THREADS();
     const auto sensorPtr = startSensor();
-    const auto mainPtr = start( "mainApp", { "--interval-ms", "50" } );
-    EXPECT_TRUE( contains( ask( "help" ), "kill-helper\n" ) );
-    EXPECT_TRUE( contains( ask( " model\n" ), "model nip500 bypass" ) );
-    EXPECT_TRUE( contains( ask( "nonsense" ), "no command \"nonsense\"" ) );
-    EXPECT_TRUE( contains( json( { "send", "sensord", "counters" } )["answer"], "lo.received " ) );
-    EXPECT_TRUE( waitFor( [] { return contains( ask( "averages" ), "load " ); } ) );
+    Daemon mainApp( "mainApp", { "--interval-ms", "50" } );
+    expect( 0, "model nip500 bypass", { "send", "sensord", " model\n" } );
+    expect( 0, "no command \"nonsense\"", { "send", "sensord", "nonsense" } );
+    EXPECT_NE( json( { "send", "sensord", "help" } )["answer"].dump().find( "kill-helper" ),
+               std::string::npos );
+    EXPECT_TRUE( waitFor( [] { return answers( "averages", "load " ); } ) );
+    answers( "kill-helper", "" );
+    EXPECT_TRUE( waitFor( [] { return health( "sensor", "feedshareNumOfFailures" ) == 1; } ) );
+    EXPECT_TRUE( waitFor( [] { return answers( "averages", "load " ); } ) );
 
-    EXPECT_TRUE( waitFor( [] { return json( { "health" } )["mainApp"]["state"] == "running"; } ) );
-    const Json before = json( { "health" } );
-    EXPECT_EQ( before["sensor"]["state"], "running" );
-    EXPECT_EQ( before["sensor"]["parameters"][0], 50 );
-    EXPECT_EQ( before["mainApp"]["text"], "sensor running" );
-    EXPECT_LT( before["sensor"]["ageSeconds"], 30.0 );
-    bool hasLoopback = false;
-    for ( const Json& sensor : before["sensor"]["virtualSensors"] )
-        hasLoopback =
-            hasLoopback || ( sensor["name"] == "lo" && sensor["buckets"]["last-hour"].size() == 7 );
-    EXPECT_TRUE( hasLoopback ) << before["sensor"];
-    EXPECT_TRUE( waitFor(
-        [&] { return json( { "health" } )["sensor"]["commits"] > before["sensor"]["commits"]; } ) );
-    EXPECT_TRUE( contains( nuvctl( { "health", "--prometheus" } ).output,
-                           "\nnuv_health_state{record=\"main-app\"} 2\n" ) );
+    EXPECT_TRUE( waitFor( [] { return health( "mainApp", "state" ) == "running"; } ) );
+    const Json sensor = json( { "health" } )["sensor"];
+    EXPECT_EQ( sensor["state"], "running" );
+    EXPECT_EQ( sensor["parameters"][0], 50 );
+    EXPECT_LT( sensor["ageSeconds"], 30.0 );
+    EXPECT_NE( sensor["virtualSensors"].dump().find( "\"name\":\"lo\"" ), std::string::npos );
+    EXPECT_TRUE( waitFor( [&] { return health( "sensor", "commits" ) > sensor["commits"]; } ) );
+    expect( 0, "\nnuv_health_state{record=\"main-app\"} 2\n", { "health", "--prometheus" } );
     ChildProcess watch( tool( "nuvctl" ), { { "health", "--watch", "--json" }, {} } );
     for ( int i = 0; i < 2; ++i )
         EXPECT_EQ( Json::parse( watch.readLine() )["sensor"]["whole"], true );
-    watch.kill( SIGINT );
-    EXPECT_EQ( watch.wait().signal(), SIGINT );
 
-    ask( "kill-helper" );
-    EXPECT_TRUE(
-        waitFor( [] { return json( { "health" } )["sensor"]["feedshareNumOfFailures"] == 1; } ) );
-    EXPECT_TRUE( waitFor( [] { return contains( ask( "averages" ), "load " ); } ) );
-
-    stop( *mainPtr );
-    stop( *sensorPtr );
-    EXPECT_TRUE( json( { "ipc" } )["semaphores"].empty() );
-    EXPECT_TRUE( json( { "ipc", "doctor" } )["findings"].empty() );
-}
-
-TEST_F( NuvctlShared, SettingsAreSetForAllAndDecodedAtTheirOffsets )
-{
-    NUV_SKIP_IF_SIGNALS_BREAK_THREADS();
-    const auto sensorPtr = startSensor();
     const Json change =
         json( { "global", "set", "--time-zone", "Europe/Zurich", "--offset", "-3600", "--proxy",
                 "10.1.2.3:8080", "--proxy-enabled", "on", "--dns", "on", "--ftp-timeout", "60" } );
     EXPECT_EQ( change["before"]["ftpTimeout"], 300 );
-    const Json now = json( { "global" } );
-    EXPECT_EQ( now["settings"], change["after"] );
-    EXPECT_EQ( now["model"], "nip500" );
-    EXPECT_EQ( now["capabilities"], Json::array( { "bypass" } ) );
+    EXPECT_EQ( json( { "global" } )["settings"], change["after"] );
+    EXPECT_EQ( json( { "global" } )["capabilities"], Json::array( { "bypass" } ) );
     json( { "global", "set", "--offset", "7200", "--dns", "off" } ); // the zone's name stays
+    expect( 0, "Europe/Zurich", { "decode", "--segment", "shm_global-data", "--save", "copy" } );
+    const Json fields = json( { "decode", "copy" } )["fields"];
+    const Json expected = { { 0, 7200 }, { 4, "Europe/Zurich" }, { 104, 0 },
+                            { 105, 1 },  { 106, 8080 },          { 108, "10.1.2.3" } };
+    for ( std::size_t i = 0; i < expected.size(); ++i )
+        EXPECT_EQ( Json( { fields[i]["offset"], fields[i]["value"] } ), expected[i] );
 
-    const std::string copy = root( "copy" );
-    const Json segment = json( { "decode", "--segment", "shm_global-data", "--save", copy } );
-    EXPECT_EQ( json( { "decode", copy } ), segment );
-    const std::map< std::string, std::pair< int, Json > > expected = {
-        { "localTimeOffset", { 0, 7200 } }, { "timeZoneName", { 4, "Europe/Zurich" } },
-        { "dnsEnabled", { 104, 0 } },       { "httpProxyEnabled", { 105, 1 } },
-        { "httpProxyPort", { 106, 8080 } }, { "httpProxyAddressText", { 108, "10.1.2.3" } },
-        { "ftpTimeoutValue", { 140, 60 } }, { "keystoreLength", { 152, 0 } },
-    };
-    std::size_t nbrOfFound = 0;
-    for ( const Json& field : segment["fields"] ) {
-        if ( const auto iter = expected.find( field["field"] ); iter != expected.end() ) {
-            EXPECT_EQ( field["offset"], iter->second.first );
-            EXPECT_EQ( field["value"], iter->second.second );
-            ++nbrOfFound;
-        }
-    }
-    EXPECT_EQ( nbrOfFound, expected.size() );
-    stop( *sensorPtr );
+    mainApp.stop();
+    sensorPtr->stop();
+    EXPECT_TRUE( json( { "ipc" } )["semaphores"].empty() );
+    EXPECT_TRUE( json( { "ipc", "doctor" } )["findings"].empty() );
 }
 
 TEST_F( NuvctlShared, NameOfAKilledSensorIsSaidToBeLeftOverAndFreedByRepair )
@@ -202,14 +140,13 @@ TEST_F( NuvctlShared, NameOfAKilledSensorIsSaidToBeLeftOverAndFreedByRepair )
     auto sensorPtr = startSensor();
     sensorPtr->kill( SIGKILL );
     sensorPtr->wait();
-    EXPECT_TRUE(
-        contains( nuvctl( { "send", "sensord", "status" } ).errors, "has ended without" ) );
-    EXPECT_TRUE( contains( nuvctl( { "health" } ).errors, "the last ones left" ) );
-    EXPECT_EQ( ChildProcess( tool( "sensord" ), { { "--control" }, {} } ).wait().exitStatus(), 1 );
-    EXPECT_EQ( nuvctl( { "ipc", "repair", "--yes" } ).exitStatus(), 0 );
+    expect( 1, "has ended without", { "send", "sensord", "status" } );
+    expect( 1, "the last ones left", { "health" } );
+    EXPECT_EQ( runProgram( tool( "sensord" ), { { "--control" }, {} } ).exitStatus(), 1 );
+    expect( 0, "FIFO pipe_toSrvr_sensord: remove it: done", { "ipc", "repair", "--yes" } );
     sensorPtr = startSensor();
-    EXPECT_TRUE( contains( ask( "status" ), "running" ) );
-    stop( *sensorPtr );
+    EXPECT_TRUE( answers( "status", "running" ) );
+    sensorPtr->stop();
 }
 
 TEST_F( NuvctlShared, ServeAnswersByAProgramThatMayFailOrHang )
@@ -218,30 +155,30 @@ TEST_F( NuvctlShared, ServeAnswersByAProgramThatMayFailOrHang )
     const std::string message( 300000, 'm' ); // more than the program's pipes hold
     const struct
     {
-        std::vector< std::string > program;
+        const char* scriptPtr;
         std::string answer;
         const char* outcomePtr;
     } cases[] = {
-        { { "/bin/sh", "tr m M" }, std::string( 300000, 'M' ), "ended with status 0" },
-        { { "/bin/sh", "echo no input taken" }, "no input taken\n", "ended with status 0" },
-        { { "/bin/sh", "echo part; exit 3" }, "part\n", "ended with status 3" },
-        { { "/bin/sh", "kill -9 $$" }, "", "ended by signal 9" },
-        { { "/bin/sh", "exec sleep 100" }, "", "its time being over" },
+        { "tr m M", std::string( 300000, 'M' ), "ended with status 0" },
+        { "echo no input taken", "no input taken\n", "ended with status 0" },
+        { "echo part; exit 3", "part\n", "ended with status 3" },
+        { "kill -9 $$", "", "ended by signal 9" },
+        { "exec sleep 100", "", "its time being over" },
     };
     for ( const auto& row : cases ) {
-        SCOPED_TRACE( row.program[1] );
+        SCOPED_TRACE( row.scriptPtr );
         ChildProcess server( tool( "nuvctl" ), { { "serve", "test", "--timeout", "1", "--exec",
-                                                   row.program[0], "--", "-c", row.program[1] },
+                                                   "/bin/sh", "--", "-c", row.scriptPtr },
                                                  {} } );
         ASSERT_EQ( server.readLine(), "serving the pipe \"test\"" );
         ChildProcess client( tool( "nuvctl" ), { { "send", "test", "-" }, {} } );
         client.writeInput( message );
         client.closeInput();
         const Outcome outcome = client.wait();
-        EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-        EXPECT_TRUE( outcome.output == row.answer ) << outcome.output.substr( 0, 100 );
-        EXPECT_TRUE( contains( server.readLine(), row.outcomePtr ) );
-        stop( server );
+        EXPECT_TRUE( outcome.exitStatus() == 0 && outcome.output == row.answer ) << outcome.errors;
+        EXPECT_NE( server.readLine().find( row.outcomePtr ), std::string::npos );
+        server.kill( SIGTERM );
+        EXPECT_EQ( server.wait().exitStatus(), 0 );
     }
 }
 
@@ -259,12 +196,11 @@ TEST_F( NuvctlShared, CommitThatNeverEndsIsSaidAndItsRecordNotShownAsWhole )
         std::getline( std::cin, line );
     } );
     ASSERT_EQ( writer.readLine(), "busy" );
-    const Json health = json( { "health" }, 1 );
-    EXPECT_EQ( health["mainApp"]["whole"], true );
-    EXPECT_EQ( health["mainApp"]["state"], "running" );
-    EXPECT_EQ( health["sensor"]["whole"], false );
-    EXPECT_EQ( health["sensor"]["commits"], 7 );
-    EXPECT_GT( health["sensor"]["tornReads"], 1 );
+    const Json found = json( { "health" }, 1 );
+    EXPECT_EQ( found["mainApp"]["whole"], true );
+    EXPECT_EQ( found["sensor"]["whole"], false );
+    EXPECT_EQ( found["sensor"]["commits"], 7 );
+    EXPECT_GT( found["sensor"]["tornReads"], 1 );
     writer.closeInput();
     EXPECT_EQ( writer.wait().exitStatus(), 0 );
 }
@@ -275,31 +211,22 @@ TEST_F( NuvctlShared, CheckKnowsMainAppConfAndBootInfo )
     {
         const char* filePtr;
         const char* bytesPtr;
-        const char* textPtr; // null: no mistake
+        const char* textPtr;
     } cases[] = {
         { "mainApp.conf", "[ControlTransaction]\nmaxWaitTimeForPipeRead = 5\n[own]\nx = 1\n",
-          nullptr },
-        { "mainApp.conf", "[ControlTransaction]\nmaxWaitTimeForPipeRead = 0\n",
-          "out of the range" },
-        { "mainApp.conf", "[ControlTransaction]\nmaxWaitTimeForPipeRead = 5s\n", "is no number" },
-        { "mainApp.conf", "[ControlTransaction]\nmaxWait = 5\n", "\"maxWait\": unknown" },
+          "no mistake" },
+        { "mainApp.conf", "[ControlTransaction]\nmaxWaitTimeForPipeRead = 0\n", "of the range" },
         { "mainApp.conf", "[controltransaction]\nx = 5\n", "meant is \"ControlTransaction\"" },
-        { "boot.info", "[Platform]\nmodel = m\n[m/Capabilities]\na = 1\nb = no\n[x]\ny = 1\n",
-          nullptr },
-        { "boot.info", "[Platform]\nserial = 1\n", "names no model" },
+        { "boot.info", "[Platform]\nmodel = m\n[m/Capabilities]\na = 1\n[x]\ny = 1\n",
+          "no mistake" },
         { "boot.info", "[platform]\nmodel = m\n", "meant is \"Platform\"" },
         { "boot.info", "[Platform]\nmodel = m\n[M/Capabilities]\na = 1\n", "no such section" },
         { "boot.info", "[Platform]\nmodel = m\n[m/Capabilities]\na = maybe\n", "is absent" },
     };
     for ( const auto& row : cases ) {
-        SCOPED_TRACE( row.bytesPtr );
-        const std::string path = root( row.filePtr );
-        writeFile( path, row.bytesPtr );
-        const Outcome outcome = nuvctl( { "check", path } );
-        EXPECT_EQ( outcome.exitStatus(), row.textPtr == nullptr ? 0 : 1 );
-        EXPECT_TRUE(
-            contains( outcome.output, row.textPtr == nullptr ? "no mistake" : row.textPtr ) )
-            << outcome.output;
+        writeFile( root( row.filePtr ), row.bytesPtr );
+        expect( std::string( row.textPtr ) == "no mistake" ? 0 : 1, row.textPtr,
+                { "check", root( row.filePtr ) } );
     }
 }
 
@@ -340,17 +267,17 @@ TEST( HealthMetrics, NamesAreEscapedAndUnusedSensorsLeftOut )
     Nuv::Ctl::HealthLook look;
     look.mySensorStatusPtr = std::make_shared< Nuv::HealthAndSecurity::SensorStatus >();
     look.mySensor.myIsWhole = true;
-    EXPECT_FALSE( contains( healthMetrics( look ), "nuv_sensor_load" ) ); // never committed
+    EXPECT_EQ( healthMetrics( look ).find( "nuv_sensor_load" ), std::string::npos ); // no commit
     look.myTimeNs = 3500000000;
     look.mySensor.myCommon.commitTime = 2000000000;
     auto& sensor = look.mySensorStatusPtr->virtualSensors[7];
     std::strcpy( sensor.name, "a\"b\\\n" );
     sensor.topServices[1] = { 17, { 5, 6 } };
     const std::string text = healthMetrics( look );
-    EXPECT_TRUE( contains( text, "\nnuv_health_age_seconds{record=\"sensor\"} 1.500\n" ) );
-    EXPECT_TRUE( contains( text,
-                           "\nnuv_virtual_sensor_service{number=\"7\",sensor=\"a\\\"b\\\\\\\\x0a\","
-                           "rank=\"1\",protocol=\"udp\",value=\"2\"} 6\n" ) )
-        << text;
-    EXPECT_FALSE( contains( text, "number=\"6\"" ) );
+    for ( const char* linePtr :
+          { "\nnuv_health_age_seconds{record=\"sensor\"} 1.500\n",
+            "\nnuv_virtual_sensor_service{number=\"7\",sensor=\"a\\\"b\\\\\\\\x0a\","
+            "rank=\"1\",protocol=\"udp\",value=\"2\"} 6\n" } )
+        EXPECT_NE( text.find( linePtr ), std::string::npos ) << linePtr << text;
+    EXPECT_EQ( text.find( "number=\"6\"" ), std::string::npos );
 }

@@ -19,24 +19,6 @@ using Json = nlohmann::json;
 class Nuvctl : public ToolFixture
 {
 protected:
-    static Json json( std::vector< std::string > arguments, int expectedStatus = 0 )
-    {
-        arguments.emplace_back( "--json" );
-        const Outcome outcome = nuvctl( arguments );
-        EXPECT_EQ( outcome.exitStatus(), expectedStatus ) << outcome.errors;
-        return Json::parse( outcome.output, nullptr, false );
-    }
-
-    /// Runs the tool. @param textPtr occurs in what it writes
-    static void expect( int status, const char* textPtr,
-                        const std::vector< std::string >& arguments )
-    {
-        const Outcome outcome = nuvctl( arguments );
-        EXPECT_EQ( outcome.exitStatus(), status ) << outcome.output << outcome.errors;
-        EXPECT_NE( ( outcome.output + outcome.errors ).find( textPtr ), std::string::npos )
-            << textPtr << " not in " << outcome.output << outcome.errors;
-    }
-
     static std::string severityOf( const std::string& zone )
     {
         const Json table = json( { "zones" } );

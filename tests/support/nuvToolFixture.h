@@ -4,6 +4,7 @@
 #include "nuvTestSupport.h"
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -27,6 +28,24 @@ protected:
     static Outcome nuvctl( const std::vector< std::string >& arguments )
     {
         return runProgram( tool( "nuvctl" ), { arguments, {} } );
+    }
+
+    static nlohmann::json json( std::vector< std::string > arguments, int expectedStatus = 0 )
+    {
+        arguments.emplace_back( "--json" );
+        const Outcome outcome = nuvctl( arguments );
+        EXPECT_EQ( outcome.exitStatus(), expectedStatus ) << outcome.output << outcome.errors;
+        return nlohmann::json::parse( outcome.output, nullptr, false );
+    }
+
+    /// Runs the tool. @param text occurs in what it writes
+    static void expect( int status, const std::string& text,
+                        const std::vector< std::string >& arguments )
+    {
+        const Outcome outcome = nuvctl( arguments );
+        EXPECT_EQ( outcome.exitStatus(), status ) << outcome.output << outcome.errors;
+        EXPECT_NE( ( outcome.output + outcome.errors ).find( text ), std::string::npos )
+            << text << " not in " << outcome.output << outcome.errors;
     }
 
     /// The library leaves a segment of thread records for every process name.
