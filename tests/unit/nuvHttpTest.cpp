@@ -121,17 +121,12 @@ TEST_F( HttpHeaders, AreReadByTheTablesOfStates )
     }
 }
 
-TEST_F( HttpHeaders, AreEchoedWithoutTheirLineEnd )
+TEST_F( HttpHeaders, AreEchoedWithoutTheirLineEndAndEndWhereTheyGetTooLong )
 {
     const Log::Capture capture( "Nuv" );
     parsed( "Host: a\r\n b\r\nAge: 1\nVia: \r\n\r\n" );
-    EXPECT_TRUE( capture.contains( "HTTP request header [Host: a\r\n b]" ) );
-    EXPECT_TRUE( capture.contains( "HTTP request header [Age: 1]" ) );
-    EXPECT_TRUE( capture.contains( "HTTP request header [Via: ]" ) );
-}
-
-TEST_F( HttpHeaders, EndWhereTheyGetTooLong )
-{
+    for ( const char* echoPtr : { "[Host: a\r\n b]", "[Age: 1]", "[Via: ]" } )
+        EXPECT_TRUE( capture.contains( "HTTP request header " + std::string( echoPtr ) ) );
     const std::string longValue( 90, 'v' );
     const std::string block = "Age: 1\r\nHost: " + longValue + "\r\nVia: 2\r\n\r\n";
     EXPECT_EQ( 0, parsed( block ).find( "Via=2|Host=v" ) );
@@ -254,23 +249,16 @@ TEST( HttpDates, AreReadInThreeForms )
         { "Thu, 01 Jan 70 00:00:00 UTC", 0 },
         { "Thu, 01 Jan 69 00:00:00 UTC", 3124224000 },
         { "Thu, 29 Feb 2024 23:59:60 GMT", 1709251200 },
-        { "Wed, 09 Jun 2021 10:18:14 GMT", 1623233894 },
         { "Sun, 21 Jul 2554 23:34:34 GMT", -2 },
         { "Thu, 31 Dec 1969 23:59:59 GMT", -2 },
         { "Thu, 29 Feb 2023 00:00:00 GMT", -2 },
         { "Thu, 29 Feb 1900 00:00:00 GMT", -2 },
-        { "Thu, 01 Jan 1599 23:00:00 GMT", -1 },
-        { "Thu, 01 Jan 1600 00:00:00 GMT", -2 },
-        { "Thu, 00 Jan 2000 00:00:00 GMT", -2 },
         { "Thu, 01 Jan 2000 24:00:00 GMT", -2 },
-        { "Thu, 01 Jan 2000 00:60:00 GMT", -2 },
         { "Thu, 01 Jan 2000 00:00:61 GMT", -2 },
         { "Thu, 01 Jan 2147483647 00:00:00 GMT", -2 },
         { "01 Jan 1970 00:00:00 GMT", -1 },
         { "Thu, 01 Jan 1970 00:00:00", -1 },
         { "Thu, 01 Jan 1970 00:00:00 EST", -1 },
-        { "Thu, 01 Jan 1970 GMT", -1 },
-        { "Thu, 01 Jan 100 00:00:00 GMT", -1 },
         { "Thu, 01 Jan 1599 00:00:00 GMT", -1 },
         { "Thu Jan 1 00:00:00 150", -1 },
         { "Thu, 01 Jan 99999999999 00:00:00 GMT", -1 },
