@@ -211,7 +211,7 @@ void BM_TimerArmDisarm_Poco( benchmark::State& state )
     for ( std::int64_t i = 0; i < state.range( 0 ); ++i )
         timer.schedule( new NothingTask(), hourMs, hourMs );
     for ( [[maybe_unused]] auto one : state ) {
-        const Poco::Util::TimerTask::Ptr taskPtr = new NothingTask();
+        Poco::Util::TimerTask::Ptr taskPtr = new NothingTask();
         timer.schedule( taskPtr, hourMs, hourMs );
         taskPtr->cancel();
     }

@@ -119,7 +119,6 @@ TEST( SchedulePlanTexts, ThatAreNoPlanSaySo )
     const std::pair< SchedulePlan, std::string > rows[] = {
         { { nullptr, good }, calendar + " invalid days or hours (NULL)" },
         { { "|Mon", good }, calendar + "invalid days format - leading separator" },
-        { { "Mon|", good }, calendar + "invalid days format - trailing separator" },
         { { "Mon||Tue", good }, calendar + "invalid days format - too many separators" },
         { { "Mon Tue", good }, calendar + " invalid days format - no regex match" },
         { { "Mon|Mon|Monday", good },
@@ -131,7 +130,6 @@ TEST( SchedulePlanTexts, ThatAreNoPlanSaySo )
         { { "Mon", "8:0:0|08:00:00" }, calendar + " invalid duplicate hours [8:0:0|08:00:00]" },
         { { good, 169, anyPeriod }, periodic + " invalid hourPeriod [169]" },
         { { good, 5, aligned }, periodic + " invalid hourPeriod [5]" },
-        { { good, 36, aligned }, periodic + " invalid hourPeriod [36]" },
         { { nullptr, 5, anyPeriod }, periodic + " invalid start time (NULL)" },
         { { "8:0:x", 5, anyPeriod }, periodic + " invalid timeStr [8:0:x] startTimeCStr [8:0:x]" },
         { { "8:60:0", 5, anyPeriod },
@@ -182,13 +180,8 @@ protected:
 TEST_F( Schedulers, CallAtTheirTimesUntilTheyAreDisabled )
 {
     Scheduler scheduler( myCounting, "Thu", "13:01:00|13:02:00", "shift" );
-    EXPECT_EQ( scheduler.showSchedule(),
-               "Calendar schedule: days [Thu] hours [13:01:00|13:02:00].\n"
-               "The first callback has not yet occurred\n"
-               "  The next scheduled callback will be at [13:01:00 W Thu Jan 08 1970]." );
     EXPECT_EQ( scheduler.showSecondsUntilNextCallback(),
                "Seconds until the next scheduled callback [60]" );
-    EXPECT_EQ( Scheduler::showCurrentTime(), "The current time is [13:00:00 W Thu Jan 08 1970]" );
     for ( const int count : { 0, 1, 1, 2 } ) {
         passSeconds( 30 );
         EXPECT_EQ( myCount, count );
@@ -199,8 +192,6 @@ TEST_F( Schedulers, CallAtTheirTimesUntilTheyAreDisabled )
                "  The next scheduled callback will be at [13:01:00 W Thu Jan 15 1970]." );
     scheduler.enable( false );
     EXPECT_EQ( scheduler.getNextCallback(), 0 );
-    EXPECT_EQ( scheduler.showSecondsUntilNextCallback(),
-               "No callback is scheduled, the scheduler is disabled." );
     scheduler.enable( true );
     EXPECT_EQ( next( scheduler ), "01-15 13:01 W" );
     EXPECT_EQ( Scheduler( myCounting, "Thu", nullptr ).showSchedule(),
