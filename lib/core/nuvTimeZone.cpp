@@ -129,6 +129,7 @@ void TimeZone::clear()
     myStdIndicators.clear();
     myGmtIndicators.clear();
     myDefaultType = 0;
+    myMinOffset = myMaxOffset = 0;
     myIsSlim = false;
 }
 
@@ -157,8 +158,11 @@ void TimeZone::index( const ZoneFileBlock& block )
         myTransTypes.push_back( static_cast< std::uint8_t >( block.transitionType( i ) ) );
     }
     myTransTimes.push_back( endMark );
-    for ( int i = 0; i < block.myTypeCnt; ++i )
+    for ( int i = 0; i < block.myTypeCnt; ++i ) {
         myTypes.push_back( block.localType( i ) );
+        myMinOffset = std::min( myMinOffset, myTypes.back().myOffset );
+        myMaxOffset = std::max( myMaxOffset, myTypes.back().myOffset );
+    }
     const auto standard = std::find_if( myTypes.begin(), myTypes.end(),
                                         []( const Type& type ) { return type.myIsDst == 0; } );
     if ( standard != myTypes.end() )
@@ -177,13 +181,23 @@ void TimeZone::index( const ZoneFileBlock& block )
 
 // --------------------------------------------------------------------------------- conversions
 
+// Binary search without branches to mispredict. @param utc not before the first transition
+int TimeZone::lastTransitionAt( std::int32_t utc ) const
+{
+    const std::int32_t* firstPtr = myTransTimes.data();
+    for ( std::size_t count = myTransTypes.size(); count > 1; ) {
+        const std::size_t half = count / 2;
+        firstPtr = firstPtr[half] <= utc ? firstPtr + half : firstPtr;
+        count -= half;
+    }
+    return static_cast< int >( firstPtr - myTransTimes.data() );
+}
+
 TimeZone::Result TimeZone::findTransTimeByUtc( std::int64_t utc, int* indexPtr ) const
 {
     if ( myTransTypes.empty() || utc < myTransTimes.front() || utc >= endMark )
         return outOfRange;
-    const auto next = std::upper_bound( myTransTimes.begin(), myTransTimes.end(),
-                                        static_cast< std::int32_t >( utc ) );
-    *indexPtr = static_cast< int >( next - myTransTimes.begin() ) - 1;
+    *indexPtr = lastTransitionAt( static_cast< std::int32_t >( utc ) );
     return ok;
 }
 
@@ -240,10 +254,24 @@ int TimeZone::gapSide( int j, std::size_t type, std::int64_t utc, Hint hint ) co
 TimeZone::Result TimeZone::findTransTimeByLocal( std::int64_t local, int* indexPtr,
                                                  Hint hint ) const
 {
-    int guess = 0;
-    const Result result = findTransTimeByUtc( local, &guess );
-    if ( result != ok )
-        return result;
+    if ( myTransTypes.empty() || local < myTransTimes.front() || local >= endMark )
+        return outOfRange;
+    // Away from transitions every type leads to the same one.
+    const std::int64_t earliest =
+        std::max< std::int64_t >( local - myMaxOffset, myTransTimes.front() );
+    const int guess = lastTransitionAt(
+        static_cast< std::int32_t >( std::min< std::int64_t >( earliest, endMark - 1 ) ) );
+    if ( earliest == local - myMaxOffset &&
+         local - myMinOffset < myTransTimes[static_cast< std::size_t >( guess ) + 1] ) {
+        *indexPtr = guess;
+        return ok;
+    }
+    return chooseCandidate( local, guess, indexPtr, hint );
+}
+
+TimeZone::Result TimeZone::chooseCandidate( std::int64_t local, int guess, int* indexPtr,
+                                            Hint hint ) const
+{
     int nbrOfCandidates = 0;
     int candidate = -1;
     bool isHinted = false;

@@ -157,6 +157,8 @@ private:
     {
         return myTypes[myTransTypes[static_cast< std::size_t >( index )]];
     }
+    int lastTransitionAt( std::int32_t utc ) const;
+    Result chooseCandidate( std::int64_t local, int guess, int* indexPtr, Hint hint ) const;
     int transitionNear( std::int64_t utc, int guess ) const;
     int gapSide( int j, std::size_t type, std::int64_t utc, Hint hint ) const;
 
@@ -170,6 +172,8 @@ private:
     std::vector< bool > myStdIndicators;
     std::vector< bool > myGmtIndicators;
     int myDefaultType = 0;
+    std::int32_t myMinOffset = 0; // of all types, and 0
+    std::int32_t myMaxOffset = 0;
     bool myIsSlim = false;
 };
 
