@@ -53,7 +53,8 @@ TEST_F( Zones, ReadLocalTimeByTheHintWhereItIsSkippedOrComesTwice )
                          { { 2 * hour, isDstBefore, 0 }, { 3 * hour, isDstBehind, 0 } },
                          "X" } );
     };
-    const TimeZone summer = made( 0, 1 ), moved = made( 0, 0 ), doubled = made( 1, 1 );
+    const TimeZone summer = made( 0, 1 ), moved = made( 0, 0 ), doubled = made( 1, 1 ),
+                   early = summerZone();
     const std::tuple< const TimeZone&, double, std::string, std::string > rows[] = {
         { summer, 102, h( 100 ), h( 99 ) }, // the gap begins
         { summer, 102.9, h( 100.9 ), h( 99.9 ) },
@@ -67,7 +68,7 @@ TEST_F( Zones, ReadLocalTimeByTheHintWhereItIsSkippedOrComesTwice )
         // Shown only by the default type, though not before the first transition's seconds.
         { summer, 1.5, h( -0.5 ), h( -0.5 ) },
         { summer, -1, h( -3 ), h( -3 ) },
-        { summerZone(), 102.5, skipped, skipped }, // at the first transition
+        { early, 102.5, skipped, skipped }, // at the first transition
     };
     for ( const auto& [zone, hours, byStandard, byDaylight] : rows ) {
         const auto local = static_cast< std::int64_t >( hours * hour );
