@@ -118,57 +118,49 @@ TEST_F( ThreadedTasks, AreJoinedByOneOfSeveralWaitersButNotByThemselves )
     EXPECT_EQ( first.exitCode() + second.exitCode(), 2 );
 }
 
-TEST_F( ThreadedTasks, InheritTheNameAndDeleteTheirThreadletonsWithTheInterruptSignalsBlocked )
+TEST_F( ThreadedTasks, InheritTheNameShowWhatTheyWaitForAndDeleteTheirThreadletons )
 {
-    static std::atomic< int > ourNbrOfObjects = 0;
+    static std::atomic< bool > ourExists = false;
     struct Counted : Threadleton
     {
-        Counted() { ++ourNbrOfObjects; }
-        ~Counted() override { --ourNbrOfObjects; }
+        Counted() { ourExists = true; }
+        ~Counted() override { ourExists = false; }
     };
     SubsystemInfo& mine = *SubsystemInfo::threadletonPtr();
     mine.nameStrPtr( SubsystemInfo::NamePtr( new std::string( "sensor" ) ) );
+    Semaphore semaphore( "threads", 0 );
+    std::atomic< SubsystemInfo::ThreadDetails* > sharedPtr = nullptr;
+    Body wait = [&]( ThreadedTask& ) -> unsigned int {
+        Threadleton::pushThreadleton( new Counted );
+        sharedPtr = SubsystemInfo::threadletonPtr()->detailPtr();
+        sigset_t mask;
+        ::pthread_sigmask( SIG_BLOCK, nullptr, &mask );
+        return semaphore.wait() &&
+               SubsystemInfo::threadletonPtr()->nameStrPtr() == mine.nameStrPtr() &&
+               sigismember( &mask, SIGTERM ) == 1 && sigismember( &mask, SIGPWR ) == 1;
+    };
     sigset_t none;
     sigset_t saved;
     sigemptyset( &none );
     ::pthread_sigmask( SIG_SETMASK, &none, &saved );
-    const int isPassed = exitCodeOf( [&]( ThreadedTask& ) {
-        Threadleton::pushThreadleton( new Counted );
-        Threadleton::pushThreadleton( new Counted );
-        EXPECT_EQ( ourNbrOfObjects, 2 );
-        EXPECT_EQ( SubsystemInfo::threadletonPtr()->nameStrPtr(), mine.nameStrPtr() );
-        sigset_t mask;
-        ::pthread_sigmask( SIG_BLOCK, nullptr, &mask );
-        return sigismember( &mask, SIGTERM ) == 1 && sigismember( &mask, SIGPWR ) == 1;
-    } );
-    ::pthread_sigmask( SIG_SETMASK, &saved, nullptr );
-    EXPECT_EQ( isPassed, 1 );
-    EXPECT_EQ( ourNbrOfObjects, 0 );
-    mine.nameStrPtr( SubsystemInfo::NamePtr() );
-}
-
-TEST_F( ThreadedTasks, ShowInTheirRecordWhatTheyWaitFor )
-{
-    Semaphore semaphore( "threads", 0 );
-    std::atomic< SubsystemInfo::ThreadDetails* > sharedPtr = nullptr;
-    Body wait = [&]( ThreadedTask& ) {
-        sharedPtr = SubsystemInfo::threadletonPtr()->detailPtr();
-        return semaphore.wait() ? 0u : 1u;
-    };
     ThreadedTask task( &runBody, "a task whose name is longer than 32 characters", &wait, normal );
-    ASSERT_TRUE( waitFor( [&] { return sharedPtr != nullptr; } ) );
-    SubsystemInfo::ThreadDetails& record = *sharedPtr;
+    ::pthread_sigmask( SIG_SETMASK, &saved, nullptr );
     EXPECT_TRUE( waitFor( [&] {
-        return std::atomic_ref( record.myWaitKind ) == 2u &&
-               std::atomic_ref( record.myWaitObject ) == semaphore.handle();
+        return sharedPtr != nullptr &&
+               std::atomic_ref( sharedPtr.load()->myWaitObject ) == semaphore.handle();
     } ) );
+    const SubsystemInfo::ThreadDetails& record = *sharedPtr;
+    EXPECT_TRUE( ourExists );
+    EXPECT_EQ( record.myWaitKind, 2u );
     EXPECT_STREQ( record.myDescription, "a task whose name is longer than" );
     EXPECT_EQ( record.myState, 1u );
     semaphore.post();
     EXPECT_TRUE( isEnded( task ) );
+    EXPECT_EQ( task.exitCode(), 1 );
     EXPECT_EQ( record.myInUse + record.myWaitKind, 0u );
-    EXPECT_EQ( record.myWaitObject, 0 );
     EXPECT_EQ( record.myState, 2u );
+    EXPECT_FALSE( ourExists );
+    mine.nameStrPtr( SubsystemInfo::NamePtr() );
 }
 
 // The threads leave their threadletons: in a child that is not searched for leaks.
@@ -195,24 +187,17 @@ TEST_F( ThreadedTasks, TerminatedAtAnyMomentAreUnwoundAndJoined )
     } );
 }
 
-TEST_F( ThreadedTasks, PriorityIsALineThroughTheNiceValues )
+TEST_F( ThreadedTasks, PriorityIsALineThroughTheNiceValuesAndWithoutItTheyDoNotRun )
 {
-    const CapabilityDeviceDouble device;
-    for ( int priority = 0; priority <= 6; ++priority ) {
-        ThreadedTask::changePriority( static_cast< ThreadedTask::Priority >( priority ) );
-        EXPECT_EQ( ourNice, 5 * priority - 10 );
-    }
+    CapabilityDeviceDouble device;
     const int lastNiceOf[] = { -8, -3, 2, 7, 12, 17, 20 };
     for ( int nice = -20, expected = 0; nice <= 20; ++nice ) {
         ourNice = nice;
-        EXPECT_EQ( ThreadedTask::changePriority( normal ), expected ) << nice;
+        const auto priority = static_cast< ThreadedTask::Priority >( expected );
+        EXPECT_EQ( ThreadedTask::changePriority( priority ), priority ) << nice;
+        EXPECT_EQ( ourNice, 5 * expected - 10 );
         expected += nice == lastNiceOf[expected] ? 1 : 0;
     }
-}
-
-TEST_F( ThreadedTasks, WithoutThreadOrPriorityDoNotRun )
-{
-    CapabilityDeviceDouble device;
     std::atomic< int > nbrOfRuns = 0;
     Body body = [&]( ThreadedTask& ) -> unsigned int { return ++nbrOfRuns; };
     ThreadedTask( &runBody, "low", &body, ThreadedTask::priorityVeryLow );
