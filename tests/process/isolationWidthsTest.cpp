@@ -1,16 +1,14 @@
 #include "nuvTestSupport.h"
 
 #include <csignal>
-#include <sys/shm.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 
 using namespace NuvTest;
 
-class Isolation : public RootFixture
-{
-};
+using Isolation = RootFixture;
 
 // An outer instance of this program's launcher, with a shell command for a test.
 Outcome isolated( const std::string& command )
@@ -23,10 +21,8 @@ Outcome isolated( const std::string& command )
 
 TEST_F( Isolation, ProgramsOfBothWidthsExecuteEachOtherOnOneRoot )
 {
-    const std::string narrow = program( "widthProbe", 32 );
-    const std::string wide = program( "widthProbe", 64 );
-    NUV_SKIP_WITHOUT( narrow );
-    NUV_SKIP_WITHOUT( wide );
+    const std::string narrow = program( "widthProbe", 32 ), wide = program( "widthProbe", 64 );
+    NUV_SKIP_WITHOUT( narrow.empty() ? narrow : wide );
     const Outcome outcome = runProgram( wide, { { narrow, wide, narrow }, {} } );
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
     EXPECT_EQ( outcome.output,
@@ -39,35 +35,27 @@ TEST_F( Isolation, RootIsFreshAndGoneAfterwards )
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
     ASSERT_EQ( outcome.output.compare( 0, 1, "/" ), 0 ) << "the root was not empty";
     const std::string other = outcome.output.substr( 0, outcome.output.size() - 1 );
-    EXPECT_NE( other, root() );
-    EXPECT_NE( ::access( other.c_str(), F_OK ), 0 );
+    EXPECT_TRUE( other != root() && ::access( other.c_str(), F_OK ) != 0 );
 }
 
 TEST_F( Isolation, LeftoversFailAPassingTest )
 {
-    const struct
-    {
-        const char* commandPtr;
-        const char* messagePtr; // null: nothing may be found
-        int status;
-    } cases[] = {
-        { "true", nullptr, 0 },
-        { "exit 3", nullptr, 3 },
-        { "ipcmk -S 1", nullptr, 0 }, // the set that guards a root folder stays by contract
+    const std::tuple< const char*, const char*, int > cases[] = {
+        { "true", "", 0 },
+        { "exit 3", "", 3 },
+        { "ipcmk -S 1", "", 0 }, // the set that guards a root folder stays by contract
         { "ipcmk -S 2", "System V sem", 99 },
         { "ipcmk -M 10", "System V shm", 99 },
         { "ipcmk -Q", "System V msg", 99 },
         { "sleep 1000 & exit 0", "sleep 1000", 99 },
         { "ipcmk -M 10; exit 3", "System V shm", 3 },
     };
-    for ( const auto& row : cases ) {
-        SCOPED_TRACE( row.commandPtr );
-        const Outcome outcome = isolated( row.commandPtr );
-        EXPECT_EQ( outcome.exitStatus(), row.status );
-        if ( row.messagePtr == nullptr )
-            EXPECT_EQ( outcome.errors, "" );
-        else
-            EXPECT_NE( outcome.errors.find( row.messagePtr ), std::string::npos );
+    for ( const auto& [commandPtr, messagePtr, status] : cases ) {
+        SCOPED_TRACE( commandPtr );
+        const Outcome outcome = isolated( commandPtr );
+        EXPECT_EQ( outcome.exitStatus(), status );
+        EXPECT_NE( outcome.errors.find( messagePtr ), std::string::npos );
+        EXPECT_EQ( outcome.errors.empty(), *messagePtr == '\0' );
     }
 }
 

@@ -2,12 +2,9 @@
 #include "nuvToolFixture.h"
 #include "nuvlogdCollector.h"
 
-#include <algorithm>
 #include <csignal>
 #include <deque>
-#include <map>
 #include <memory>
-#include <sstream>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -74,38 +71,28 @@ protected:
         }
     };
 
-    static std::vector< std::string > logLines()
+    static std::vector< std::string > linesWith( const std::string& text )
     {
         Nuv::Log::LogFileReader reader( installation( "log/main.log" ) );
         std::vector< std::string > lines;
-        std::string line;
-        while ( reader.readLine( &line ) )
-            lines.push_back( line );
+        for ( std::string line; reader.readLine( &line ); ) {
+            if ( line.find( text ) != std::string::npos )
+                lines.push_back( line );
+        }
         return lines;
-    }
-
-    static std::ptrdiff_t nbrOfLinesWith( const std::string& text )
-    {
-        const std::vector< std::string > lines = logLines();
-        return std::count_if( lines.begin(), lines.end(), [&]( const std::string& line ) {
-            return line.find( text ) != std::string::npos;
-        } );
     }
 
     static bool waitForLine( const std::string& text )
     {
-        return waitFor( [&] { return nbrOfLinesWith( text ) > 0; } );
+        return waitFor( [&] { return !linesWith( text ).empty(); } );
     }
 
     /// The sum of what the lines about overwritten ones say.
-    static int nbrReportedLost()
+    static std::size_t nbrReportedLost()
     {
-        int sum = 0;
-        for ( const std::string& line : logLines() ) {
-            const std::size_t end = line.find( " lines were overwritten" );
-            if ( end != std::string::npos )
-                sum += std::atoi( line.c_str() + line.rfind( ' ', end - 1 ) );
-        }
+        std::size_t sum = 0;
+        for ( const std::string& line : linesWith( " lines were overwritten" ) )
+            sum += std::stoul( line.substr( line.rfind( ' ', line.find( " lines were" ) - 1 ) ) );
         return sum;
     }
 };
@@ -117,30 +104,22 @@ TEST_F( Nuvlogd, SigtermLosesNothingOfWhatTheFifoHolds )
     configure( bigFile + std::string( "fifoSizeInK = 1024\n" ) );
     Daemon daemon;
     stopOutsideOfTheRing( daemon ); // so that everything is still in the ring
-    const char* const prefixes[] = { "first", "second", "third", "fourth" };
     std::deque< Writer > writers;
-    for ( const char* const prefixPtr : prefixes )
+    for ( const char* const prefixPtr : { "first", "second", "third", "fourth" } )
         writers.emplace_back( 400, prefixPtr );
     for ( Writer& writer : writers )
         EXPECT_EQ( writer.readLine(), "done" );
     daemon.kill( SIGTERM );
     daemon.end( SIGCONT );
 
-    std::map< std::string, int > next; // in order, none missing
-    for ( const std::string& line : logLines() ) {
-        const std::size_t at = line.find( "zone/W " );
-        if ( at == std::string::npos )
-            continue;
-        std::istringstream words( line.substr( at + 7 ) );
-        std::string prefix;
-        int number = -1;
-        words >> prefix >> number;
-        EXPECT_EQ( number, next[prefix]++ ) << line;
+    for ( const std::string prefix : { "first ", "second ", "third ", "fourth " } ) {
+        int number = 0; // in order, none missing
+        for ( const std::string& line : linesWith( "zone/W " + prefix ) )
+            EXPECT_NE( line.find( prefix + std::to_string( number++ ) + " " ), std::string::npos );
+        EXPECT_EQ( number, 400 ) << prefix;
     }
-    for ( const char* const prefixPtr : prefixes )
-        EXPECT_EQ( next[prefixPtr], 400 ) << prefixPtr;
-    EXPECT_EQ( nbrOfLinesWith( "stopped: 160" ), 1 ); // with what nuvlogd itself has to say
-    EXPECT_EQ( nbrOfLinesWith( " lines written, 0 lost" ), 2 );
+    EXPECT_EQ( linesWith( "stopped: 160" ).size(), 1u ); // with what nuvlogd itself has to say
+    EXPECT_EQ( linesWith( " lines written, 0 lost" ).size(), 2u );
     for ( Writer& writer : writers )
         writer.end();
 }
@@ -149,47 +128,38 @@ TEST_F( Nuvlogd, LinesThatWereOverwrittenAreCountedExactly )
 {
     configure( bigFile + std::string( "fifoSizeInK = 8\n" ) );
     Daemon daemon;
-    constexpr int nbrOfRounds = 4;
+    constexpr std::size_t nbrOfRounds = 4;
+    daemon.kill( SIGUSR1 ); // what it has to say itself is out of the ring after that
+    EXPECT_TRUE( waitForLine( "status: " ) );
     stopOutsideOfTheRing( daemon ); // while 500 lines go into a ring that holds fewer
     Writer writer( 500, "line" );
-    for ( int round = 1; round <= nbrOfRounds; ++round ) {
+    for ( std::size_t round = 1; round <= nbrOfRounds; ++round ) {
         EXPECT_EQ( writer.readLine(), "done" );
         daemon.kill( SIGCONT );
-        const auto isAccounted = [&] {
-            return nbrOfLinesWith( "zone/W line" ) + nbrReportedLost() == 500 * round;
-        };
-        EXPECT_TRUE( waitFor( isAccounted, std::chrono::seconds( 20 ) ) )
-            << nbrOfLinesWith( "zone/W line" ) << " + " << nbrReportedLost();
+        EXPECT_TRUE( waitFor( [&] {
+            return linesWith( "zone/W line" ).size() + nbrReportedLost() == 500 * round;
+        } ) );
         if ( round < nbrOfRounds )
             stopOutsideOfTheRing( daemon );
         writer.writeInput( round < nbrOfRounds ? "more\n" : "end\n" );
     }
-    EXPECT_GT( nbrReportedLost(), 1000 );
-    daemon.kill( SIGUSR1 );
-    EXPECT_TRUE( waitForLine( "status: " ) );
-    EXPECT_EQ( nbrOfLinesWith( ", since " ), nbrOfLinesWith( "were overwritten" ) );
+    EXPECT_GT( nbrReportedLost(), 1000u );
+    EXPECT_EQ( linesWith( ", since " ).size(), linesWith( "were overwritten" ).size() );
     EXPECT_EQ( writer.wait().exitStatus(), 0 );
     daemon.end( SIGINT );
 }
 
 TEST_F( Nuvlogd, RefusalsSayWhyAndEndWithTheirStatus )
 {
-    const auto expect = []( int status, const std::string& text,
-                            const std::vector< std::string >& arguments = {} ) {
-        const Outcome outcome = runProgram( tool( "nuvlogd" ), { arguments, {} } );
-        EXPECT_EQ( outcome.exitStatus(), status ) << outcome.errors;
-        EXPECT_NE( ( outcome.output + outcome.errors ).find( text ), std::string::npos )
-            << outcome.output << outcome.errors;
-    };
-    expect( 1, "is not enabled" );
-    expect( 2, "--unknown", { "--unknown" } );
-    expect( 0, "SIGTERM", { "--help" } );
+    expect( 1, "is not enabled", {}, "nuvlogd" );
+    expect( 2, "--unknown", { "--unknown" }, "nuvlogd" );
+    expect( 0, "SIGTERM", { "--help" }, "nuvlogd" );
     configure( bigFile + std::string( "fileName = taken\n" ) );
     ASSERT_EQ( ::mkdir( installation( "log/taken" ).c_str(), 0755 ), 0 );
-    expect( 1, "taken cannot be opened" );
+    expect( 1, "taken cannot be opened", {}, "nuvlogd" );
     configure( bigFile );
     Daemon daemon;
-    expect( 1, "already runs as process " + std::to_string( daemon.pid() ) );
+    expect( 1, "already runs as process " + std::to_string( daemon.pid() ), {}, "nuvlogd" );
     daemon.end();
 }
 
@@ -218,15 +188,14 @@ TEST_F( Nuvlogd, SuccessorOfAKilledOneLosesNothingAndRepairLeavesNothing )
     EXPECT_EQ( writer.readLine(), "done" );
     daemonPtr->kill( SIGKILL );
     daemonPtr->wait();
-    EXPECT_EQ( nuvctl( { "ipc", "doctor" } ).exitStatus(), 1 );
+    expect( 1, "", { "ipc", "doctor" } );
 
     daemonPtr = std::make_unique< Daemon >();
-    EXPECT_TRUE( waitFor( [] { return nbrOfLinesWith( "zone/W line" ) == 40; } ) );
-    const Outcome repair = nuvctl( { "ipc", "repair", "--yes" } );
-    EXPECT_EQ( repair.exitStatus(), 0 ) << repair.output << repair.errors;
+    EXPECT_TRUE( waitFor( [] { return linesWith( "zone/W line" ).size() == 40u; } ) );
+    expect( 0, "", { "ipc", "repair", "--yes" } );
     writer.end();
     daemonPtr->end();
-    EXPECT_EQ( nbrOfLinesWith( ", 0 lost" ), 3 ); // twice started, once stopped
+    EXPECT_EQ( linesWith( ", 0 lost" ).size(), 3u ); // twice started, once stopped
     for ( const Nuv::Tools::Segment& segment : Nuv::Tools::readSegments() )
         EXPECT_EQ( segment.mySize, 8804u ) << "left: segment " << segment.myId;
 }

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -12,8 +11,6 @@
 #include <poll.h>
 #include <sstream>
 #include <sys/mount.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -23,12 +20,6 @@ namespace NuvTest {
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-int millisecondsUntil( Clock::time_point end )
-{
-    const auto rest = std::chrono::ceil< std::chrono::milliseconds >( end - Clock::now() );
-    return rest.count() > 0 ? static_cast< int >( rest.count() ) : 0;
-}
 
 void closeDescriptor( int* fdPtr )
 {
@@ -54,16 +45,14 @@ void drain( int* fdPtr, std::string* textPtr )
 
 [[noreturn]] void runBody( const std::function< void() >& body )
 {
-    int status = 0;
+    int status = 2;
     try {
         body();
         status = ::testing::Test::HasFailure() ? 1 : 0;
     } catch ( const std::exception& exception ) {
         std::cerr << "exception: " << exception.what() << std::endl;
-        status = 2;
     } catch ( ... ) { // else the child would go on with the parent's tests
         std::cerr << "exception of another type" << std::endl;
-        status = 2;
     }
     std::cout.flush();
     std::fflush( nullptr );
@@ -129,8 +118,7 @@ TemporaryFolder::TemporaryFolder()
     : myPath( RootFixture::root( "folder-XXXXXX" ) )
 {
     if ( ::mkdtemp( myPath.data() ) == nullptr )
-        throw std::filesystem::filesystem_error(
-            "mkdtemp", myPath, std::error_code( errno, std::generic_category() ) );
+        throw std::system_error( errno, std::generic_category(), myPath );
 }
 
 TemporaryFolder::~TemporaryFolder()
@@ -160,20 +148,7 @@ std::string RootFixture::root()
 
 void removeInterprocessObjects()
 {
-    if ( std::getenv( "NUV_ISOLATED" ) == nullptr )
-        return;
-    for ( const char* const kindPtr : { "sem", "shm" } ) {
-        std::ifstream list( std::string( "/proc/sysvipc/" ) + kindPtr );
-        std::string line;
-        std::getline( list, line ); // the columns' names: key, identifier ...
-        while ( std::getline( list, line ) ) {
-            const int id = std::atoi( line.c_str() + 11 );
-            if ( kindPtr[1] == 'e' )
-                ::semctl( id, 0, IPC_RMID );
-            else
-                ::shmctl( id, IPC_RMID, nullptr );
-        }
-    }
+    std::system( "[ \"$NUV_ISOLATED\" = 1 ] && ipcrm --all=shm && ipcrm --all=sem" );
 }
 
 int Outcome::exitStatus() const
@@ -210,31 +185,29 @@ ChildProcess::~ChildProcess()
 void ChildProcess::start( const std::function< void() >& body )
 {
     int pipes[3][2];
+    std::cout.flush();
+    std::fflush( nullptr );
     for ( auto& ends : pipes ) {
         if ( ::pipe2( ends, O_CLOEXEC ) != 0 )
             throw std::system_error( errno, std::generic_category(), "pipe2" );
     }
-    std::cout.flush();
-    std::fflush( nullptr );
     myPid = ::fork();
     if ( myPid < 0 )
         throw std::system_error( errno, std::generic_category(), "fork" );
+    for ( int i = 0; i < 3; ++i ) {
+        int* const childsPtr = &pipes[i][i == STDIN_FILENO ? 0 : 1];
+        if ( myPid == 0 )
+            ::dup2( *childsPtr, i );
+        ::close( *childsPtr );
+    }
     if ( myPid == 0 ) {
-        ::dup2( pipes[0][0], STDIN_FILENO );
-        ::dup2( pipes[1][1], STDOUT_FILENO );
-        ::dup2( pipes[2][1], STDERR_FILENO );
-        for ( const auto& ends : pipes ) {
-            ::close( ends[0] );
-            ::close( ends[1] );
-        }
+        for ( const int fd : { pipes[0][1], pipes[1][0], pipes[2][0] } )
+            ::close( fd );
         body();
     }
     myInput = pipes[0][1];
     myOutput = pipes[1][0];
     myErrors = pipes[2][0];
-    ::close( pipes[0][0] );
-    ::close( pipes[1][1] );
-    ::close( pipes[2][1] );
     ::fcntl( myOutput, F_SETFL, O_NONBLOCK );
     ::fcntl( myErrors, F_SETFL, O_NONBLOCK );
 }
@@ -282,7 +255,7 @@ std::string ChildProcess::readLine( std::chrono::milliseconds timeout )
                           << myOutcome.output << myOutcome.errors;
             return "";
         }
-        collect( millisecondsUntil( end ) );
+        collect( 10 );
     }
 }
 
@@ -335,11 +308,10 @@ std::string program( const std::string& name, int width )
     if ( width == static_cast< int >( 8 * sizeof( void* ) ) )
         return program( name );
     // The other width's build lies beside this one, or where ctest says.
-    const char* folderPtr = std::getenv( "NUV_OTHER_WIDTH_PROGRAMS" );
-    const std::filesystem::path folder =
-        folderPtr != nullptr
-            ? std::filesystem::path( folderPtr )
-            : buildFolder().parent_path() / ( width == 32 ? "i386" : "dev" ) / "tests/programs";
+    const char* const folderPtr = std::getenv( "NUV_OTHER_WIDTH_PROGRAMS" );
+    std::filesystem::path folder = folderPtr != nullptr ? folderPtr : "";
+    if ( folderPtr == nullptr )
+        folder = buildFolder().parent_path() / ( width == 32 ? "i386" : "dev" ) / "tests/programs";
     return std::filesystem::exists( folder / name ) ? ( folder / name ).string() : "";
 }
 

@@ -38,23 +38,21 @@ protected:
         return nlohmann::json::parse( outcome.output, nullptr, false );
     }
 
-    /// Runs the tool. @param text occurs in what it writes
+    /// Runs a tool. @param text occurs in what it writes
     static void expect( int status, const std::string& text,
-                        const std::vector< std::string >& arguments )
+                        const std::vector< std::string >& arguments,
+                        const std::string& name = "nuvctl" )
     {
-        const Outcome outcome = nuvctl( arguments );
-        EXPECT_EQ( outcome.exitStatus(), status ) << outcome.output << outcome.errors;
-        EXPECT_NE( ( outcome.output + outcome.errors ).find( text ), std::string::npos )
-            << text << " not in " << outcome.output << outcome.errors;
+        const Outcome outcome = runProgram( tool( name ), { arguments, {} } );
+        const std::string written = outcome.output + outcome.errors;
+        EXPECT_EQ( outcome.exitStatus(), status ) << written;
+        EXPECT_NE( written.find( text ), std::string::npos ) << text << " not in " << written;
     }
 
     /// The library leaves a segment of thread records for every process name.
     void TearDown() override
     {
-        for ( const Nuv::Tools::Segment& segment : Nuv::Tools::readSegments() )
-            ::shmctl( segment.myId, IPC_RMID, nullptr );
-        for ( const Nuv::Tools::SemaphoreSet& set : Nuv::Tools::readSemaphoreSets() )
-            ::semctl( set.myId, 0, IPC_RMID );
+        removeInterprocessObjects();
         ASSERT_EQ( std::system( ( "rm -rf " + root() + "/ixoRoot" ).c_str() ), 0 );
     }
 };

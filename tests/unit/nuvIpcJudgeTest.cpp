@@ -205,12 +205,9 @@ TEST( IpcText, ProcessTextsAreTakenApart )
         parseProcessStat( "42 (a) b (c) T 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 777 19",
                           &process, &startTicks ) );
     EXPECT_EQ( process.myName, "a) b (c" );
-    EXPECT_EQ( process.myState, 'T' );
-    EXPECT_EQ( startTicks, 777u );
-    for ( const char* textPtr : { "", "42", "42 (a)", "42 )a( S 1", "42 (a) S 1 2 3" } ) {
-        SCOPED_TRACE( textPtr );
-        EXPECT_FALSE( parseProcessStat( textPtr, &process, &startTicks ) );
-    }
+    EXPECT_TRUE( process.myState == 'T' && startTicks == 777 );
+    for ( const char* textPtr : { "", "42", "42 (a)", "42 )a( S 1", "42 (a) S 1 2 3" } )
+        EXPECT_FALSE( parseProcessStat( textPtr, &process, &startTicks ) ) << textPtr;
     Process other;
     parseProcessMaps( "7f00-7f10 rw-s 00000000 00:01 5          /SYSV000000ff (deleted)\n"
                       "7f10-7f20 r--s 00010000 00:01 5          /SYSV000000ff (deleted)\n"
@@ -225,15 +222,12 @@ TEST( IpcText, ProcessTextsAreTakenApart )
 
 TEST( IpcText, RingEntriesAreFollowedAcrossTheWrapAndNeverBeyondIt )
 {
-    constexpr std::uint32_t size = 32;
-    std::string bytes( RingHeader::nbrOfBytes + size, '\0' );
-    const auto store = [&bytes]( std::size_t offset, std::uint32_t word ) {
-        std::memcpy( bytes.data() + offset, &word, sizeof( word ) );
+    std::string bytes( RingHeader::nbrOfBytes + 32, '\0' );
+    const auto store = [&bytes]( std::size_t offset, const std::vector< std::uint32_t >& words ) {
+        std::memcpy( bytes.data() + offset, words.data(), 4 * words.size() );
     };
-    const std::uint32_t words[] = { size, 24, 8, 16 };
-    for ( std::size_t i = 0; i < 4; ++i )
-        store( 4 * i, words[i] );
-    store( RingHeader::nbrOfBytes + 24, 10 ); // four bytes, then six from the begin on
+    store( 0, { 32, 24, 8, 16 } );
+    store( RingHeader::nbrOfBytes + 24, { 10 } ); // four bytes, then six from the begin on
     bytes.replace( RingHeader::nbrOfBytes + 28, 4, "abcd" );
     bytes.replace( RingHeader::nbrOfBytes, 6, "efghij" );
     ASSERT_TRUE( RingHeader::parse( bytes ).isSound( bytes.size() ) );
@@ -241,16 +235,19 @@ TEST( IpcText, RingEntriesAreFollowedAcrossTheWrapAndNeverBeyondIt )
     EXPECT_EQ( ringEntries( bytes, &isSound ), std::vector< std::string >{ "abcdefghij" } );
     EXPECT_TRUE( isSound );
     for ( const std::uint32_t length : { 13u, 33u, 0xFFFFFFF8u, 0xFFFFFFFFu } ) {
-        store( RingHeader::nbrOfBytes + 24, length );
+        store( RingHeader::nbrOfBytes + 24, { length } );
         EXPECT_TRUE( ringEntries( bytes, &isSound ).empty() );
         EXPECT_FALSE( isSound ) << length;
     }
-    const std::uint32_t unsound[][4] = { { 32, 24, 8, 12 }, { 32, 25, 9, 16 }, { 32, 32, 16, 16 },
-                                         { 36, 24, 8, 20 }, { 0, 0, 0, 0 },    { 32, 0, 0, 36 } };
-    for ( const auto& row : unsound ) {
-        for ( std::size_t i = 0; i < 4; ++i )
-            store( 4 * i, row[i] );
-        EXPECT_FALSE( RingHeader::parse( bytes ).isSound( bytes.size() ) ) << row[1];
+    for ( const std::vector< std::uint32_t >& words :
+          { std::vector< std::uint32_t >{ 32, 24, 8, 12 },
+            { 32, 25, 9, 16 },
+            { 32, 32, 16, 16 },
+            { 36, 24, 8, 20 },
+            { 0, 0, 0, 0 },
+            { 32, 0, 0, 36 } } ) {
+        store( 0, words );
+        EXPECT_FALSE( RingHeader::parse( bytes ).isSound( bytes.size() ) ) << words[1];
     }
 }
 
