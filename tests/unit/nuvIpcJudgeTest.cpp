@@ -112,17 +112,12 @@ TEST( IpcJudge, SaysWhatIsProvenAndWhatIsOnlyLikely )
         // Two users are counted and one is attached, or both (a forked child).
         { "certain use-count semaphore shm_table", extraUse },
         { "", []( Scene& s ) { s.mySegments[0].mySegment->myNbrOfAttached = 2; } },
-        // Counts are not judged while somebody waits, nor while the master is taken; a stopped
-        // process may be half-way through opening.
+        // Counts are not judged while somebody waits; a stopped process may be half-way through
+        // opening.
         { "",
           [=]( Scene& s ) {
               extraUse( s );
               s.mySemaphores[0].mySet->mySemaphores[0].myNbrOfWaiters = 1;
-          } },
-        { "",
-          [=]( Scene& s ) {
-              extraUse( s );
-              s.myMaster->mySemaphores[0] = { 0, daemonPid, 0 };
           } },
         { "likely use-count semaphore shm_table",
           [=]( Scene& s ) {
@@ -239,16 +234,8 @@ TEST( IpcText, RingEntriesAreFollowedAcrossTheWrapAndNeverBeyondIt )
         EXPECT_TRUE( ringEntries( bytes, &isSound ).empty() );
         EXPECT_FALSE( isSound ) << length;
     }
-    for ( const std::vector< std::uint32_t >& words :
-          { std::vector< std::uint32_t >{ 32, 24, 8, 12 },
-            { 32, 25, 9, 16 },
-            { 32, 32, 16, 16 },
-            { 36, 24, 8, 20 },
-            { 0, 0, 0, 0 },
-            { 32, 0, 0, 36 } } ) {
-        store( 0, words );
-        EXPECT_FALSE( RingHeader::parse( bytes ).isSound( bytes.size() ) ) << words[1];
-    }
+    store( 0, { 32, 25, 9, 16 } );
+    EXPECT_FALSE( RingHeader::parse( bytes ).isSound( bytes.size() ) );
 }
 
 } // namespace Nuv::Tools
