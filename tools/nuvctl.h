@@ -13,12 +13,11 @@
 /// The parts of nuvctl: one function for each command, run after the command line has been read.
 ///
 /// Commands that only look (paths, zones, log cat, log follow, fifo, threads, ipc list, ipc doctor,
-/// check, health, global, decode) or compute (encode, decode, crc, regex, time, tz, sched) run
-/// without the process frame:
-/// they create no directory, no log and no interprocess object, count as nobody's user and wait for
-/// no lock, so that they work while everything else hangs. "zones set", "global set", "log emit",
-/// send and serve act through the library, inside the frame, after refuseIfLocked() has seen that
-/// nothing they need is taken for good.
+/// check, health, global, decode) or compute (encode, decode, crc, regex, time, tz, sched, uri) run
+/// without the process frame: they create no directory, no log and no interprocess object, count as
+/// nobody's user and wait for no lock, so that they work while everything else hangs. "zones set",
+/// "global set", "log emit", send, serve, get, post and cookies act through the library, inside the
+/// frame, after refuseIfLocked() has seen that nothing they need is taken for good.
 namespace Nuv::Ctl {
 
 /// The tool's exit statuses.

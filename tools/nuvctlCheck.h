@@ -23,7 +23,7 @@ struct Mistake
 void checkMasterConfiguration( const Utils::Config& config, std::vector< Mistake >* mistakesPtr );
 
 /// The same of log.conf, and whether its drains could be opened in the installation at root.
-/// Nothing is opened or created.
+/// Nothing is opened or created; servers of HTTP drains are called, for at most 2 s each.
 void checkLogConfiguration( const Utils::Config& config, const std::string& root,
                             std::vector< Mistake >* mistakesPtr );
 

@@ -427,8 +427,10 @@ int TcpSocket::accept( Utils::Ptr< TcpSocket >* socketPtrPtr,
     socklen_t length = 0;
     Utils::Handle fd;
     while ( !fd.isValid() ) {
-        if ( !isOpen() )
+        if ( !isOpen() ) {
+            errno = EINTR; // the closing came before the call
             fail( socketAcceptFailed );
+        }
         fd.reset( acceptPeer( &address, &length ) );
         if ( !fd.isValid() && errno != EINTR && errno != EPROTO && errno != ECONNABORTED )
             fail( socketAcceptFailed );
