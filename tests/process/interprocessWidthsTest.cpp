@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -66,10 +67,8 @@ protected:
     }
     static bool isAnyLeft( const std::string& name )
     {
-        for ( const char* const prefixPtr :
-              { "sem_", "shm_", "sem_shm_", "evt_", "sem_evt_", "sem_IpFifo_", "shm_IpFifo_",
-                "sem_evt_IpFifo_", "evt_IpFifo_" } ) {
-            if ( exists( prefixPtr + name ) )
+        for ( const auto& entry : std::filesystem::directory_iterator( ipc( "" ) ) ) {
+            if ( entry.path().string().ends_with( "_" + name ) )
                 return true;
         }
         return false;

@@ -172,14 +172,11 @@ TEST_F( InterprocessFifoTest, DamagedRingIsEmptiedAndThenWorks )
         int firstIdx, firstAdded, secondIdx = 0, secondAdded = 0;
     } cases[] = {
         { "ring size too great", 0, 4 },
-        { "ring size too small", 0, -4 },
         { "read offset two bytes before the end", 1, 102, 2, -2 },
         { "offsets far out, in step", 1, 104, 2, 104 },
         { "write offset elsewhere", 2, 4 },
         { "more free than there is", 3, 104 },
-        { "free bytes wrapped", 3, -100 },
         { "number of free bytes odd", 3, -2, 2, 2 },
-        { "length above a quarter", 4, 7 },
         { "length beyond the entry", 4, 5 },
         { "length that wraps to a small size", 4, -21 },
     };
@@ -227,12 +224,10 @@ TEST_F( InterprocessFifoTest, StreamBuffersCarryOneEntryEach )
     std::string word, number;
     EXPECT_TRUE( in >> word >> number );
     EXPECT_FALSE( in >> number );
-    EXPECT_TRUE( inBuf.readFifo() );
     in.clear();
-    EXPECT_TRUE( in >> word );
+    EXPECT_TRUE( inBuf.readFifo() && in >> word );
     EXPECT_EQ( word, "2nd" );
-    EXPECT_TRUE( inBuf.readFifo() && inBuf.in_avail() == 0 );
-    EXPECT_FALSE( inBuf.readFifo() );
+    EXPECT_TRUE( inBuf.readFifo() && inBuf.in_avail() == 0 && !inBuf.readFifo() );
 }
 
 } // namespace
