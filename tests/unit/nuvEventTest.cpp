@@ -151,7 +151,7 @@ TEST_F( EventTest, BudgetOfCallsAndAllocations )
 {
     EXPECT_FALSE( a.wait( 1 ) ); // the first wait makes the list's storage
     const auto nbrOfCalls = [] { return ourNbrOfPolls + ourNbrOfReads + ourNbrOfWrites; };
-    int before = nbrOfCalls();
+    const int before = nbrOfCalls();
     ourNbrOfAllocations = ourNbrOfPipes = 0;
     EXPECT_FALSE( a.wait( 1 ) );
     a.signal();
@@ -161,11 +161,6 @@ TEST_F( EventTest, BudgetOfCallsAndAllocations )
     EXPECT_EQ( nbrOfCalls(), before + 1 );
     EXPECT_EQ( MultiEvent::waitOnEvents( { &x }, 1 ), 0 );
     EXPECT_EQ( nbrOfCalls(), before + 1 + 2 );
-    before = nbrOfCalls();
-    for ( int i = 0; i < 100; ++i ) {
-        EXPECT_FALSE( x.wait( 1 ) );
-    }
-    EXPECT_LE( nbrOfCalls(), before + 104 ) << "a wait that blocks learns to poll first";
     EXPECT_EQ( ourNbrOfAllocations + ourNbrOfPipes, 0 );
     for ( const int call : { 1, 2 } ) { // the poll, the read: failures are wake-ups
         x.signal();
