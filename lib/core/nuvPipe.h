@@ -168,6 +168,8 @@ public:
     explicit ClientPipe( const char* namePtr );
     ~ClientPipe() = default;
 
+    /// A process that is killed within it leaves the server free for the next client, at the latest
+    /// after one failed connect() of that server.
     /// @param timeoutMs for a server to be available; the steps after that wait as the server's do
     /// @param quiet no line at error severity when no server is available in time
     /// @throws Exception "The connect to the specified Io::ClientPipe failed."
