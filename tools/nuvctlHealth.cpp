@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <numeric>
 #include <unistd.h>
 
 namespace Nuv::Ctl {
@@ -289,9 +288,10 @@ void Metrics::add( const char* namePtr, const char* typePtr, const char* helpPtr
 
 std::string Metrics::text() const
 {
-    return std::accumulate(
-        myMetrics.begin(), myMetrics.end(), std::string(),
-        []( std::string all, const Metric& metric ) { return all + metric.myText; } );
+    std::string all;
+    for ( const Metric& metric : myMetrics )
+        all += metric.myText;
+    return all;
 }
 
 void addRecord( const HealthLook& look, const char* namePtr, const HealthRecord& record,

@@ -428,13 +428,12 @@ void HttpParserHelper::unescapeHex( std::string* textPtr )
     std::string result;
     result.reserve( text.size() );
     for ( std::size_t pos = 0; pos < text.size(); ++pos ) {
-        if ( text[pos] != '%' ) {
-            result.push_back( text[pos] );
-        } else if ( isHex( pos + 1 ) && isHex( pos + 2 ) ) {
+        const bool isEscape = text[pos] == '%';
+        if ( isEscape && isHex( pos + 1 ) && isHex( pos + 2 ) ) {
             result.push_back(
                 static_cast< char >( hexValue( text[pos + 1] ) * 16 + hexValue( text[pos + 2] ) ) );
             pos += 2;
-        } else if ( ++pos < text.size() ) {
+        } else if ( !isEscape || ++pos < text.size() ) {
             result.push_back( text[pos] );
         }
     }

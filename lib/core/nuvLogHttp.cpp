@@ -84,7 +84,7 @@ bool HttpPoster::attempt( Severity severity, const Utils::Buffer& message,
 
 void HttpPoster::leaveConnection()
 {
-    myConnectionPtr.release();
+    static_cast< void >( myConnectionPtr.release() );
 }
 
 LostMessages::LostMessages( const DrainName& drainName )

@@ -466,7 +466,7 @@ int TcpSocket::connect( const IpAddress& address, unsigned int timeoutMs )
         if ( errno == EAGAIN ) {
             // An attempt that goes on would refuse the next one.
             const sockaddr nobody{ AF_UNSPEC, {} };
-            ::connect( socketFd(), &nobody, sizeof( nobody ) );
+            static_cast< void >( ::connect( socketFd(), &nobody, sizeof( nobody ) ) );
             errno = ETIMEDOUT;
         }
         fail( socketConnectFailed );
