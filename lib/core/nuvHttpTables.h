@@ -7,7 +7,7 @@ namespace Nuv::Net::Http {
 
 /// The headers that the library knows, in the order in which they go on the wire: general, request,
 /// response and entity headers, then extensions.
-enum HttpHeader
+enum HttpHeader : int
 {
     headerCacheControl = 0,
     headerConnection,
