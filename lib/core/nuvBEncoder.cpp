@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cxxabi.h>
 #include <limits>
 #include <utility>
 
@@ -22,9 +23,18 @@ public:
     {
     }
 
-    int peek() const { return myBufPtr != nullptr ? myBufPtr->sgetc() : Traits::eof(); }
-    int get() { return myBufPtr != nullptr ? myBufPtr->sbumpc() : Traits::eof(); }
-    int peekNext() { return myBufPtr->snextc(); }
+    int peek()
+    {
+        return guarded( [&] { return myBufPtr->sgetc(); } );
+    }
+    int get()
+    {
+        return guarded( [&] { return myBufPtr->sbumpc(); } );
+    }
+    int peekNext()
+    {
+        return guarded( [&] { return myBufPtr->snextc(); } );
+    }
 
     bool take( char c )
     {
@@ -36,9 +46,12 @@ public:
 
     std::streamsize read( char* ptr, std::streamsize count )
     {
-        return myBufPtr->sgetn( ptr, count );
+        return guarded( [&] { return myBufPtr->sgetn( ptr, count ); } );
     }
-    std::streamsize nbrAvailable() { return myBufPtr->in_avail(); }
+    std::streamsize nbrAvailable()
+    {
+        return guarded( [&] { return myBufPtr->in_avail(); } );
+    }
 
     [[noreturn]] void fail( const std::string& text )
     {
@@ -49,6 +62,24 @@ public:
     }
 
 private:
+    // What the stream buffer throws is the end of input and sets badbit, as in the stream's own
+    // operations: a file that cannot be read is one.
+    template < class Operation >
+    auto guarded( Operation operation ) -> decltype( operation() )
+    {
+        if ( myBufPtr == nullptr )
+            return Traits::eof();
+        try {
+            return operation();
+        } catch ( abi::__forced_unwind& ) {
+            throw;
+        } catch ( ... ) {
+            myBufPtr = nullptr;
+            myStream.setstate( std::ios_base::badbit );
+            return Traits::eof();
+        }
+    }
+
     std::istream& myStream;
     std::streambuf* myBufPtr;
 };
@@ -117,7 +148,7 @@ void readString( std::istream& stream, Bytes* bytesPtr )
 {
     Input input( stream );
     std::int32_t count = 0;
-    if ( !readNumber( input, &count ) || count < 0 || !input.take( ':' ) ||
+    if ( !readNumber( input, &count ) || count < 0 || input.get() != ':' ||
          !readBytes( input, static_cast< std::size_t >( count ), bytesPtr ) )
         input.fail( "Bad string" );
 }

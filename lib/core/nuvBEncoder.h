@@ -32,7 +32,7 @@ namespace Nuv::Utils {
 /// Threads: one at a time; of the items, only their CountedPtrs may be shared.
 /// Errors:  DecodeException for malformed input; what was built is released. The stream then
 ///          stands where reading stopped, with failbit (and eofbit at the end of input) if it
-///          ended there.
+///          ended there, and with badbit if its stream buffer threw.
 /// Cost:    memory in proportion to the input that is really there: a count beyond it is not
 ///          reserved. Nesting is limited.
 /// Bytes:   strings as they are, NULs included; a key ends at its first NUL.

@@ -93,7 +93,7 @@ TEST( BEncoderRefusals, NameTheFaultAndThePlace )
         { "i-2147483649e", "Bad integer", 12 },
         { "i99999999999999999999999999e", "Bad integer", 27 },
         { "4:spa", "Bad string", 5 },
-        { "4 :spam", "Bad string", 1 },
+        { "4 :spam", "Bad string", 2 },
         { "2147483647:spam", "Bad string", 15 },
         { "4294967298:spam", "Bad string", 10 },
         { "d", "Bad string", 1 },
@@ -124,6 +124,9 @@ TEST( BEncoderStream, StateTellsWhereItEnded )
     EXPECT_EQ( "Bad integer at character 7\n", decoded( stream ) );
     EXPECT_TRUE( stream.good() );
     EXPECT_EQ( '2', stream.get() );
+    std::ifstream folder( "/" ); // opens, but reading it throws
+    EXPECT_EQ( "Bad b-encoding item type starting with '' at character -1\n", decoded( folder ) );
+    EXPECT_TRUE( folder.bad() );
 }
 
 TEST( BEncoderStream, BytesMayComeInPortions )
