@@ -285,7 +285,7 @@ void print( const CommonOptions& common, const std::vector< Value >& values )
     if ( common.myJson ) {
         Json list = Json::array();
         for ( const Value& value : values )
-            list.push_back( { { "type", value.myType }, { "value", value.myText } } );
+            list.push_back( { { "type", value.myType }, { "value", bytesJson( value.myText ) } } );
         printJson( list );
         return;
     }
@@ -323,18 +323,22 @@ int decodeFields( const CommonOptions& common, InputArchiver& in, std::streambuf
                                      std::to_string( values.size() + 1 ) + ", " + fault );
 }
 
-/// The name of a class record that begins here; "" if there is none.
-std::string classNameAt( const std::string& bytes, std::size_t offset )
+/// The name in a class record that begins here with "ca"; "" if there is none. Names are short and
+/// hold no NUL, which also keeps the work linear whatever the bytes are.
+std::string classNameAt( std::string_view bytes, std::size_t offset )
 {
-    std::stringbuf buf( "\xC5\xC0" + std::string( "\0\0\0\1", 4 ) + bytes.substr( offset ) );
-    InputArchiver in( &buf );
-    ClassNames names;
-    try {
-        return readObject( in, &names );
-    } catch ( const Refusal& ) {
-    } catch ( const Utils::Archiver::Exception& ) {
-    }
-    return "";
+    constexpr std::size_t maxLength = 1024;
+    constexpr std::size_t headSize = 6; // the tags and the count
+    unsigned char head[headSize];
+    if ( bytes.size() - offset <= headSize )
+        return "";
+    bytes.copy( reinterpret_cast< char* >( head ), headSize, offset );
+    const std::size_t length = Utils::BigEndianPackedData( head, headSize ).unsigned32BitValue( 2 );
+    const std::string_view rest = bytes.substr( offset + headSize );
+    if ( length > maxLength || length >= rest.size() || rest[length] != 'd' )
+        return "";
+    const std::string_view name = rest.substr( 0, length );
+    return name.find( '\0' ) == name.npos ? std::string( name ) : "";
 }
 
 int showClasses( const CommonOptions& common, const std::string& bytes )

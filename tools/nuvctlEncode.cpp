@@ -26,7 +26,8 @@ bool readInput( const std::string& file, std::string* bytesPtr )
     } catch ( const std::ios_base::failure& ) { // a directory opens, but cannot be read
         input.setstate( std::ios_base::badbit );
     }
-    if ( !input.fail() )
+    // The standard library takes a failed read of standard input for its end.
+    if ( !input.fail() && !( isStandardInput && std::ferror( stdin ) != 0 ) )
         return true;
     complain( ( isStandardInput ? "standard input" : file ) +
               " cannot be read: " + std::strerror( errno ) );
@@ -36,7 +37,9 @@ bool readInput( const std::string& file, std::string* bytesPtr )
 int writeOutput( std::string_view bytes )
 {
     std::cout.write( bytes.data(), static_cast< std::streamsize >( bytes.size() ) ).flush();
-    return std::cout ? good : problem;
+    return std::cout ? good
+                     : complain( std::string( "standard output cannot be written: " ) +
+                                 std::strerror( errno ) );
 }
 
 namespace {
@@ -60,8 +63,12 @@ std::string toBase64( std::string_view bytes, bool hasLines )
     return result;
 }
 
+/// The library's decoder ignores what follows the padding or a NUL; here that is lost input.
 Buffer fromBase64( std::string_view text )
 {
+    const std::size_t end = text.find_first_of( std::string_view( "=\0", 2 ) );
+    if ( end != text.npos && text.find_first_not_of( "= \t\r\n", end ) != text.npos )
+        throw Base64::Exception( "", Base64::reasonInvalidText, 0 );
     Base64 base64( Base64::growOutput );
     Buffer bytes;
     base64.reverseUpdate( Buffer( text ), &bytes );
@@ -222,10 +229,11 @@ BEncoder::ItemPtr itemOf( const Json& json )
 
 int encodeBencode( const std::string& text )
 try {
-    std::size_t nbrOfLevels = 0;
-    const Json json = Json::parse( text, [&]( int depth, Json::parse_event_t, Json& ) {
-        nbrOfLevels = std::max( nbrOfLevels, static_cast< std::size_t >( depth ) );
-        if ( nbrOfLevels > BEncoder::defaultMaxNbrOfLevels )
+    constexpr int maxDepth = BEncoder::defaultMaxNbrOfLevels;
+    const Json json = Json::parse( text, []( int depth, Json::parse_event_t event, Json& ) {
+        const bool isBegin =
+            event == Json::parse_event_t::array_start || event == Json::parse_event_t::object_start;
+        if ( isBegin && depth >= maxDepth ) // the outermost has depth 0
             throw NoForm( "nested too deeply to be decoded again" );
         return true;
     } );
@@ -289,6 +297,8 @@ int decode( const CommonOptions& common, const CodecOptions& options )
 
 int showCrc( const CommonOptions& common, const CrcOptions& options )
 {
+    if ( options.myWidth == 16 && options.myInitial > 0xFFFF )
+        return complain( "crc: --initial of a CRC-16 has 16 bits" ), wrongUsage;
     std::string bytes;
     if ( !readInput( options.myFile, &bytes ) )
         return problem;
