@@ -2,7 +2,9 @@
 
 #include "nuvCapabilityDevice.h"
 
+#include <algorithm>
 #include <ctime>
+#include <limits>
 
 namespace Nuv::Utils {
 
@@ -15,11 +17,17 @@ Time::Time()
 
 void Time::set( const timeval& value )
 {
-    const std::int64_t seconds = value.tv_sec;
-    const std::int64_t microseconds = value.tv_usec;
-    myNs = seconds < 0 ? 0
-                       : static_cast< std::uint64_t >( seconds ) * nsPerSec +
-                             static_cast< std::uint64_t >( microseconds ) * nsPerUs;
+    constexpr std::uint64_t maxNs = std::numeric_limits< std::uint64_t >::max();
+    constexpr std::int64_t limit = maxNs / nsPerSec + 1;
+    constexpr std::int64_t limitUs = limit * std::int64_t{ usPerSec };
+    const std::int64_t us =
+        std::clamp< std::int64_t >( value.tv_sec, -limit, limit ) * std::int64_t{ usPerSec } +
+        std::clamp< std::int64_t >( value.tv_usec, -limitUs, limitUs );
+    if ( us < 0 )
+        myNs = 0;
+    else
+        myNs = us > std::int64_t{ maxNs / nsPerUs } ? maxNs
+                                                    : static_cast< std::uint64_t >( us ) * nsPerUs;
 }
 
 Time::operator timeval() const

@@ -50,7 +50,7 @@ public:
     /// @throws TimeZone::Exception if the zone has no standard time at that moment
     Time( const std::tm& fields, const TimeZone& zone );
 
-    /// A time before 1970 becomes the zero time.
+    /// A time before 1970 or behind 2554 becomes the nearest end of the range.
     void set( const timeval& value );
     constexpr void set( std::uint64_t nanoseconds ) { myNs = nanoseconds; }
 

@@ -19,9 +19,18 @@ TEST( TimeConversion, KeepsMicrosecondsAndDropsTheRest )
     const timeval back = Time( 2147483648999999999 );
     EXPECT_EQ( back.tv_sec, value.tv_sec );
     EXPECT_EQ( back.tv_usec, 999999 );
-    Time early( 77 );
-    early.set( timeval{ -1, 999999 } );
-    EXPECT_EQ( early, Time( 0 ) );
+    const std::pair< timeval, std::uint64_t > ends[] = {
+        { { -1, 999999 }, 0 },
+        { { 0, -1 }, 0 },
+        { { INT64_MIN, 0 }, 0 },
+        { { 1, -1 }, 999999000 },
+        { { 18446744073, 709551 }, 18446744073709551000u },
+        { { 18446744073, 709552 }, UINT64_MAX },
+        { { INT64_MAX, 0 }, UINT64_MAX } };
+    for ( const auto& [outside, ns] : ends ) {
+        time.set( outside );
+        EXPECT_EQ( time.ns(), ns );
+    }
     const std::time_t before = ::time( nullptr );
     EXPECT_TRUE( timeval( Time() ).tv_sec >= before && timeval( Time() ).tv_sec <= before + 60 );
 }
