@@ -36,12 +36,18 @@ struct FileCloser
 // @return whether the line names a value for ZONE
 bool zoneOfLine( const char* linePtr, std::string* namePtr )
 {
-    static const RegEx ourPattern( "([^=]*)=\"?([^\"]*)\"?" );
+    // Never destroyed: the timer thread asks for the zone during exit too.
+    static const RegEx& ourPattern = *new RegEx( "([^=]*)=\"?([^\"]*)\"?" );
     RegEx::SearchResults results;
     if ( !ourPattern.search( linePtr, &results ) || results[1].text() != "ZONE" )
         return false;
     *namePtr = results[2].text();
     return true;
+}
+
+void logFault( const char* faultPtr, const std::string& name )
+{
+    nuvLogTo( Log::getStandardSource( Log::error ) ) << faultPtr << " (zone " << name << ")";
 }
 
 } // namespace
@@ -82,10 +88,11 @@ TimeZone::TimeZone( const std::string& name, const Buffer& fileData )
 
 const Io::Pathname& TimeZone::basePath()
 {
-    static const Io::Pathname ourBasePath = [] {
+    // Never destroyed, as the pattern above.
+    static const Io::Pathname& ourBasePath = [] {
         Io::Pathname zoneBase( "/usr/share/zoneinfo" );
         nuvAssert( zoneBase.isDirectory() );
-        return zoneBase;
+        return *new Io::Pathname( zoneBase );
     }();
     return ourBasePath;
 }
@@ -112,6 +119,8 @@ void TimeZone::loadTzFile( const std::string& name )
     helper.pathname = Io::Pathname( basePath(), name );
     try {
         helper.load();
+        if ( helper.data.empty() ) // for init() as if there were no file
+            logFault( ZoneFileBlock::faultOf( helper.data, nullptr ), name );
         myFileData.swap( helper.data );
     } catch ( const Io::FileHelper::Exception& exception ) {
         nuvLogTo( Log::getStandardSource( Log::error ) )
@@ -133,14 +142,14 @@ void TimeZone::clear()
     myIsSlim = false;
 }
 
-// A zone whose file is missing has been logged by loadTzFile(), or has no name.
+// A zone whose file is missing or empty has been logged by loadTzFile(), or has no name.
 void TimeZone::init()
 {
     clear();
     if ( myFileData.empty() )
         return;
     if ( const char* const faultPtr = ZoneFileBlock::faultOf( myFileData, &myIsSlim ) ) {
-        nuvLogTo( Log::getStandardSource( Log::error ) ) << faultPtr << " (zone " << myName << ")";
+        logFault( faultPtr, myName );
         return;
     }
     index( ZoneFileBlock( myFileData, 0, 4 ) );

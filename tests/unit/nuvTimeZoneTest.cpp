@@ -106,6 +106,9 @@ TEST_F( Zones, BadFilesAreLoggedAndGiveUtc )
     const Log::Capture capture;
     EXPECT_FALSE( TimeZone( "No/Such" ).hasData() );
     EXPECT_TRUE( capture.contains( "errSystemError" ) && capture.contains( "No/Such" ) );
+    NuvTest::writeFile( root( "empty" ), "" );
+    EXPECT_FALSE( TimeZone( "../../.." + root( "empty" ) ).hasData() );
+    EXPECT_TRUE( capture.contains( "tzfile header too short" ) );
 }
 
 TEST_F( Zones, ASlimFileIsNotUtcWithoutAWord )
