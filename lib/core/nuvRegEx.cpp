@@ -8,6 +8,7 @@
 #include <array>
 #include <cctype>
 #include <cstring>
+#include <utility>
 
 namespace Nuv::Utils {
 namespace {
@@ -20,10 +21,22 @@ struct ThreadSearch
     std::uint64_t myNbrOfSteps = 0;
 };
 
+// Trivial, so that a search from an exit handler, behind the thread's own end, finds it made anew.
+constinit thread_local ThreadSearch* ourThreadSearchPtr = nullptr;
+
+struct ThreadSearchCleaner
+{
+    ~ThreadSearchCleaner() { delete std::exchange( ourThreadSearchPtr, nullptr ); }
+};
+
 ThreadSearch& threadSearch()
 {
-    static thread_local ThreadSearch ourSearch;
-    return ourSearch;
+    if ( ourThreadSearchPtr == nullptr ) {
+        static thread_local ThreadSearchCleaner ourCleaner;
+        static_cast< void >( ourCleaner );
+        ourThreadSearchPtr = new ThreadSearch();
+    }
+    return *ourThreadSearchPtr;
 }
 
 const CountedPtr< const RegExPlan > compile( const char* patternPtr, unsigned int flags )
