@@ -147,10 +147,20 @@ bool readTime( const std::string& text, std::int64_t* secondsPtr, bool* isUtcPtr
 
 Readings readingsOf( std::int64_t local, const TimeZone& zone )
 {
+    // By every type: no hint tells two of the same kind apart.
     std::set< std::int64_t > times;
+    for ( int type = 0; type < zone.nbrOfTypes(); ++type ) {
+        TimeZone::LocalTimeInfo info;
+        zone.getLocalTimeInfo( type, &info );
+        const std::int64_t utc = local - info.utcOffsetInSeconds;
+        if ( zone.toLocal( utc, nullptr, nullptr ) == local )
+            times.insert( utc );
+    }
+    const bool isShown = !times.empty();
     for ( const auto hint : { TimeZone::standardTime, TimeZone::daylightSavingTime } ) {
         try {
-            times.insert( zone.toUtc( local, hint ) );
+            if ( !isShown )
+                times.insert( zone.toUtc( local, hint ) );
         } catch ( const TimeZone::Exception& ) {
             continue;
         }

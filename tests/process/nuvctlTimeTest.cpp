@@ -18,6 +18,7 @@ TEST( NuvctlTime, ShowsTimesZonesAndSchedules )
           "local    2026-06-01 02:00",
           "" },
         { { "time", "--zone", "Europe/Berlin", "2026-10-25 02:30" }, 0, "twice", "" },
+        { { "time", "--zone", "Europe/Moscow", "2014-10-26 01:30" }, 0, "twice", "" },
         { { "time", "--zone", "Europe/Berlin", "2026-03-29 02:30", "--json" },
           1,
           "\"isSkipped\": true",
