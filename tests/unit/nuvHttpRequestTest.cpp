@@ -1,11 +1,9 @@
 #include "nuvHttpRequest.h"
 
 #include "nuvHttpCookieCache.h"
-#include "nuvLogCapture.h"
 #include "nuvTestHttp.h"
 #include "nuvTestInterprocess.h"
 #include "nuvTestWrap.h"
-#include "nuvTime.h"
 
 #include <functional>
 #include <sstream>
@@ -35,42 +33,43 @@ namespace {
 class HttpRequests : public NuvTest::RootFixture
 {
 protected:
-    HttpRequests()
-    {
-        const_cast< Log::Zone& >( Log::getStandardSource( Log::debug ).zone() )
-            .severity( Log::debug );
-        HttpCookieCache::singletonPtr()->clearCookies( nullptr );
-    }
+    HttpRequests() { HttpCookieCache::singletonPtr()->clearCookies( nullptr ); }
 };
-
-// "reason,error number" of a failure, else the outcome of the action.
-std::string outcomeOf( const std::function< std::string() >& action )
-{
-    try {
-        return action();
-    } catch ( const Http::Exception& e ) {
-        return std::to_string( e.reason() ) + "," + std::to_string( e.errorNbr() );
-    }
-}
 
 std::string failure( int reason, int errorNbr )
 {
     return std::to_string( reason ) + "," + std::to_string( errorNbr );
 }
 
-// What a GET makes of an answer: the content, or the failure; then what was not read.
+// The content that the action has got, in the output if there is one, or "reason,error number".
+std::string outcomeOf( HttpGetRequest& get, const std::ostringstream* outputPtr,
+                       const std::function< void() >& action )
+{
+    try {
+        action();
+    } catch ( const Http::Exception& e ) {
+        return failure( e.reason(), e.errorNbr() );
+    }
+    return outputPtr != nullptr ? outputPtr->str() : get.response().bodyBuffer().str();
+}
+
+std::string issued( HttpGetRequest& get, std::ostringstream* outputPtr = nullptr )
+{
+    const std::string outcome = outcomeOf( get, outputPtr, [&] { get.issue( "/", outputPtr ); } );
+    EXPECT_EQ( get.receivedResponseSize(), outputPtr != nullptr
+                                               ? outputPtr->str().size()
+                                               : get.response().bodyBuffer().size() );
+    return outcome;
+}
+
+// What a GET makes of an answer, then what was not read.
 std::string got( const std::string& answer, bool usesOutput, bool stops = false )
 {
     MemoryConnection connection( answer );
     HttpGetRequest get( &connection );
     get.stopAtContentLength( stops );
     std::ostringstream output;
-    const std::string outcome = outcomeOf( [&] {
-        get.issue( "/", usesOutput ? &output : nullptr );
-        EXPECT_EQ( get.response().bodyBuffer().size() + output.str().size(),
-                   get.receivedResponseSize() );
-        return usesOutput ? output.str() : get.response().bodyBuffer().str();
-    } );
+    const std::string outcome = issued( get, usesOutput ? &output : nullptr );
     const std::string rest = connection.notRead();
     return rest.empty() ? outcome : outcome + " rest " + rest;
 }
@@ -83,100 +82,84 @@ Connection connect( const ScriptedServer& server )
         HttpRequest::createTcpRequestConnectionStream( server.address(), 1500, 1500, 5000 ) );
 }
 
-constexpr const char* ok = "HTTP/1.1 200 OK\r\n";
+const std::string ok = "HTTP/1.1 200 OK\r\n";
+const std::string sized = ok + "Content-Length: ";
+const std::string chunked = ok + "Transfer-Encoding: chunked\r\n\r\n";
 
 } // namespace
 
 TEST_F( HttpRequests, ReadEveryFormOfContent )
 {
-    const std::string head = ok;
+    const auto many = []( const std::string& unit ) {
+        std::string text;
+        while ( text.size() < 3000000 )
+            text += unit;
+        return text;
+    };
+    const std::string longLine = "HTTP/1.1 200 " + std::string( 1009, 'x' );
     const struct
     {
         std::string answer;
-        std::string content;
-        const char* output; // null: the same
+        std::string content;     // its begin, if it ends with "..."
+        std::string output = {}; // empty: the same
     } cases[] = {
-        { head + "Content-Length: 5\r\n\r\nhello", "hello", nullptr },
-        { head + "Content-Length: 5\r\n\r\nhellomore", "hello rest more", "3,325" },
-        { head + "Content-Length: 0\r\n\r\nmore", " rest more", nullptr },
-        { head + "Content-Length: 6\r\n\r\nhello", "3,325", nullptr },
-        { head + "Content-Length: -1\r\n\r\nhello", "3,325 rest hello", nullptr },
-        { head + "Content-Length: 99999999999\r\n\r\nhello", "3,325 rest hello", nullptr },
-        { head + "Content-Length: 4000000000\r\n\r\nhello", "3,325", nullptr },
-        { head + "Connection: CLOSE\r\n\r\nhello", "hello", nullptr },
-        { head + "Connection: keep-alive\r\n\r\nhello", "3,344 rest hello", nullptr },
-        { head + "\r\nhello", "3,337 rest hello", nullptr },
-        { "HTTP/1.1 100 Continue\r\n\r\n" + head, "3,337 rest " + head, nullptr },
-        { "HTTP/1.1 204 No Content\r\n\r\n", "3,337", nullptr },
-        { head + "Transfer-Encoding: Chunked\r\nContent-Length: 3\r\n\r\n5\r\nhello\r\n1 \t\r\n!"
-                 "skipped\r\n0\r\nTrailer: x\r\n\r\nmore",
-          "hello! rest more", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n00000005\r\nhello\r\n0\r\n\r\n", "hello",
-          nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n000000005\r\n", "3,409 rest \r\n", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5;ext\r\n", "3,409 rest ext\r\n", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n\r\n", "3,409 rest \n", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5\n", "3,409", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5\r\rhello", "3,470 rest hello", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5\r\nhell", "3,431", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\nFFFFFFFF\r\nhell", "3,431", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello0\r", "3,470", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello", "3,463", nullptr },
-        { head + "Transfer-Encoding: chunked\r\n\r\n0\r\nTrailer", "3,463", nullptr },
-        { "", "3,212", nullptr },
-        { "HTTP/1.1 200 OK", "3,212", nullptr },
-        { "HTTP/1.1 200 \xC3\xA4\r\n", "3,212 rest \xA4\r\n", nullptr },
-        { "HTTP/1.1 200\r\n\r\n", "3,518 rest \r\n", nullptr },
-        { "HTTP/2.0 200 OK\r\n", "3,501", nullptr },
-        { "\r\nHTTP/1.1 200 OK\r\n", "3,501 rest HTTP/1.1 200 OK\r\n", nullptr },
-        { "HTTP/1.1 0 OK\r\n", "3,509", nullptr },
-        { "HTTP/1.1 OK\r\n", "3,509", nullptr },
-        { "HTTP/1.1 4294967496 OK\r\n", "3,509", nullptr },
+        { sized + "5\r\n\r\nhello", "hello" },
+        { sized + "5\r\n\r\nhellomore", "hello rest more", "3,325" },
+        { sized + "0\r\n\r\nmore", " rest more" },
+        { sized + "6\r\n\r\nhello", "3,325" },
+        { sized + "-1\r\n\r\nhello", "3,325 rest hello" },
+        { sized + "99999999999\r\n\r\nhello", "3,325 rest hello" },
+        { sized + "4000000000\r\n\r\nhello", "3,325" },
+        { ok + "Connection: CLOSE\r\n\r\nhello", "hello" },
+        { ok + "Connection: keep-alive\r\n\r\nhello", "3,344 rest hello" },
+        { ok + "\r\nhello", "3,337 rest hello" },
+        { "HTTP/1.1 100 Continue\r\n\r\n" + ok, "3,337 rest " + ok },
+        { sized + "3\r\nTransfer-Encoding: Chunked\r\n\r\n5\r\nhello\r\n1 \t\r\n!skipped\r\n"
+                  "0\r\nTrailer: x\r\n\r\nmore",
+          "hello! rest more" },
+        { chunked + "00000005\r\nhello\r\n0\r\n\r\n", "hello" },
+        { chunked + "000000005\r\n", "3,409 rest \r\n" },
+        { chunked + "5;ext\r\n", "3,409 rest ext\r\n" },
+        { chunked + "\r\n", "3,409 rest \n" },
+        { chunked + "5\n", "3,409" },
+        { chunked + "5\r\rhello", "3,470 rest hello" },
+        { chunked + "FFFFFFFF\r\nhell", "3,431" },
+        { chunked + "5\r\nhello0\r", "3,470" },
+        { chunked + "5\r\nhello", "3,463" },
+        { chunked + "0\r\nTrailer", "3,463" },
+        { chunked + "0\r\n" + many( "x" ), "3,463 rest ..." },
+        { chunked + "0\r\n" + many( "t: x\r\n" ), "3,463 rest ..." },
+        { chunked + "5" + many( " " ), "3,463 rest ..." },
+        { ok + many( "A: b\r\n" ), "3,337 rest ..." },
+        { ok + many( "x" ), "3,337 rest ..." },
+        { many( "x" ), "3,217 rest ..." },
+        { "", "3,212" },
+        { "HTTP/1.1 200 \xC3\xA4\r\n", "3,212 rest \xA4\r\n" },
+        { "HTTP/1.1 200\r\n\r\n", "3,518 rest \r\n" },
+        { "HTTP/2.0 200 OK\r\n", "3,501" },
+        { "\r\n" + ok, "3,501 rest " + ok },
+        { "HTTP/1.1 0 OK\r\n", "3,509" },
+        { "HTTP/1.1 OK\r\n", "3,509" },
+        { "HTTP/1.1 4294967496 OK\r\n", "3,509" },
+        { longLine + "\n\n", "3,337" }, // of 1023 bytes, then 1024
+        { longLine + "x\n\n", "3,217 rest \n" },
     };
     for ( const auto& test : cases ) {
-        SCOPED_TRACE( test.answer );
-        EXPECT_EQ( test.content, got( test.answer, false ) );
-        EXPECT_EQ( test.output != nullptr ? test.output : test.content, got( test.answer, true ) );
+        SCOPED_TRACE( test.answer.substr( 0, 200 ) );
+        for ( const bool usesOutput : { false, true } ) {
+            std::string expected = usesOutput && !test.output.empty() ? test.output : test.content;
+            std::string found = got( test.answer, usesOutput );
+            if ( expected.ends_with( "..." ) )
+                found.replace( expected.size() - 3, std::string::npos, "..." );
+            EXPECT_EQ( expected, found );
+        }
     }
-    EXPECT_EQ( "hello rest more", got( head + "Content-Length: 5\r\n\r\nhellomore", true, true ) );
-    // 1023 bytes of status line, then 1024.
-    const std::string longReason( 1007, 'x' );
-    EXPECT_EQ( "3,337", got( "HTTP/1.1 200 " + longReason + "xx\n\n", false ) );
-    EXPECT_EQ( "3,217 rest \n\n",
-               got( "HTTP/1.1 200 " + longReason + "xxx\n\n", false ).substr( 0, 13 ) + "\n" );
-    // Trailers and the rest of a line have an end.
-    const std::string chunked = head + "Transfer-Encoding: chunked\r\n\r\n";
-    EXPECT_EQ( "3,463",
-               got( chunked + "0\r\n" + std::string( 70000, 'x' ), false ).substr( 0, 5 ) );
-    std::string trailers;
-    for ( int i = 0; i < 20; ++i )
-        trailers += std::string( 60000, 't' ) + "\r\n";
-    EXPECT_EQ( "3,463", got( chunked + "0\r\n" + trailers + "\r\n", false ).substr( 0, 5 ) );
-}
-
-TEST_F( HttpRequests, LogTheirSteps )
-{
-    const Log::Capture capture( "Nuv" );
-    got( std::string( ok ) + "Content-Length: 6\r\nSet-Cookie: a=b;\r\n\r\nhello", false );
-    got( std::string( ok ) + "Connection: x\r\n\r\n", false );
-    got( std::string( ok ) + "\r\n", false );
-    for ( const char* textPtr :
-          { "sendHeaders: to URI /", "addCachedCookiesToHeader: adding 0 cookies to cookie header",
-            "addCachedCookiesToHeader: adding 1 cookies", "receiveResponse: Enter",
-            "receiveResponse: received status line: HTTP/1.1 200 OK",
-            "receiveResponse: cached cookie a=b;", "receiveResponse: reading content size 6",
-            "receiveResponse: updated myReceivedResponseSize to 5",
-            "receiveResponse: only read 5 bytes, contentLen = 6", "missing content length header",
-            "connection header exists, but its value is not \"close\"",
-            "missing content and connection header" } )
-        EXPECT_TRUE( capture.contains( textPtr ) ) << textPtr;
+    EXPECT_EQ( "hello rest more", got( sized + "5\r\n\r\nhellomore", true, true ) );
 }
 
 TEST_F( HttpRequests, WriteTheirLinesInOrder )
 {
-    const std::string answer =
-        std::string( ok ) + "Set-Cookie: id=7; path=/p;\r\nContent-Length: 2\r\n\r\nab";
+    const std::string answer = sized + "2\r\nSet-Cookie: id=7; path=/p;\r\n\r\nab";
     MemoryConnection connection( answer + answer + answer + answer );
     HttpGetRequest get( &connection );
     get.issue( "/path", nullptr );
@@ -197,9 +180,6 @@ TEST_F( HttpRequests, WriteTheirLinesInOrder )
                "Cookie: id=7\r\n\r\n",
                connection.sent().substr( sentSize ) );
     EXPECT_EQ( 0u, get.headerMap().count( Http::headerCookie ) ) << "taken out again";
-    char text[3] = {};
-    get.response().body().read( text, 2 );
-    EXPECT_STREQ( "ab", text );
     HttpPostRequest post( &connection );
     post.useCookieCache( false );
     post.readIdleTimeoutInSeconds( 9 );
@@ -213,40 +193,36 @@ TEST_F( HttpRequests, WriteTheirLinesInOrder )
     post.issue( "/empty", Utils::Buffer() );
     EXPECT_EQ( 2u, post.receivedResponseSize() ) << "counted anew";
     EXPECT_NE( std::string::npos, connection.sent().find( "Content-Length: 0\r\n" ) );
-    EXPECT_EQ( failure( 2, 586 ), outcomeOf( [&] {
-                   get.resume( &connection, nullptr );
-                   return "";
-               } ) );
+    EXPECT_EQ( "2,586", outcomeOf( get, nullptr, [&] { get.resume( &connection, nullptr ); } ) );
 }
 
 TEST_F( HttpRequests, ResumeWhereTheyWereBrokenOff )
 {
-    const std::string first = std::string( ok ) + "Date: then\r\nContent-Length: 10\r\n";
+    const std::string first = ok + "Date: then\r\nContent-Length: 10\r\n";
     const std::string tagged = first + "ETag: \"v1\"\r\n\r\nhello";
+    const std::string part = "HTTP/1.1 206 P\r\n";
+    const std::string byTag = "If-Range: \"v1\"\r\n";
     const struct
     {
         std::string first;
         std::string second;
-        const char* sent;
-        const char* outcome;
-        const char* outputOutcome; // null: the same
+        std::string sent;
+        std::string outcome;
+        std::string outputOutcome = outcome;
     } cases[] = {
-        { tagged, "HTTP/1.1 206 Part\r\nContent-Length: 5\r\n\r\nworld", "Range: bytes=5-\r\n",
-          "helloworld", nullptr },
-        { tagged, "HTTP/1.1 206 Part\r\nContent-Length: 5\r\n\r\nworld", "If-Range: \"v1\"\r\n",
-          "helloworld", nullptr },
-        { first + "\r\nhello", "HTTP/1.1 206 Part\r\nContent-Length: 5\r\n\r\nworld",
-          "If-Range: then\r\n", "helloworld", nullptr },
+        { tagged, part + "Content-Length: 5\r\n\r\nworld", byTag, "helloworld" },
+        { first + "\r\nhello", part + "Content-Length: 5\r\n\r\nworld", "If-Range: then\r\n",
+          "helloworld" },
         { tagged,
-          "HTTP/1.1 206 P\r\nContent-Range: bytes 5-9/10\r\nTransfer-Encoding: chunked\r\n\r\n"
-          "5\r\nworld\r\n0\r\n\r\n",
-          "", "helloworld", nullptr },
-        { tagged, "HTTP/1.1 206 P\r\nConnection: close\r\n\r\nworld", "", "helloworld", nullptr },
-        { tagged, "HTTP/1.1 206 P\r\nContent-Length: 6\r\n\r\nworlds", "", "3,300", "helloworlds" },
-        { tagged, "HTTP/1.1 206 P\r\nContent-Range: bytes 4-9/10\r\nContent-Length: 5\r\n\r\nworld",
-          "", "3,266", nullptr },
-        { tagged, std::string( ok ) + "Content-Length: 5\r\n\r\nworld", "", "3,266", nullptr },
-        { tagged, "", "", "3,212", nullptr },
+          part + "Content-Range: bytes 5-9/10\r\nTransfer-Encoding: chunked\r\n\r\n"
+                 "5\r\nworld\r\n0\r\n\r\n",
+          byTag, "helloworld" },
+        { tagged, part + "Connection: close\r\n\r\nworld", byTag, "helloworld" },
+        { tagged, part + "Content-Length: 6\r\n\r\nworlds", byTag, "3,300", "helloworlds" },
+        { tagged, part + "Content-Range: bytes 4-9/10\r\nContent-Length: 5\r\n\r\nworld", byTag,
+          "3,266" },
+        { tagged, sized + "5\r\n\r\nworld", byTag, "3,266" },
+        { tagged, "", byTag, "3,212" },
     };
     for ( const auto& test : cases ) {
         for ( const bool usesOutput : { false, true } ) {
@@ -254,22 +230,16 @@ TEST_F( HttpRequests, ResumeWhereTheyWereBrokenOff )
             MemoryConnection one( test.first );
             MemoryConnection two( test.second, "10.9.9.9" );
             std::ostringstream output;
-            std::ostream* const outputPtr = usesOutput ? &output : nullptr;
+            std::ostringstream* const outputPtr = usesOutput ? &output : nullptr;
             HttpGetRequest get( &one );
             get.readIdleTimeoutInSeconds( 4 );
-            EXPECT_EQ( failure( 3, 325 ), outcomeOf( [&] {
-                           get.issue( "/f", outputPtr );
-                           return "";
-                       } ) );
+            EXPECT_EQ( "3,325", issued( get, outputPtr ) );
             EXPECT_EQ( 5u, get.receivedResponseSize() );
-            const std::string outcome = outcomeOf( [&] {
-                get.resume( &two, outputPtr );
-                return usesOutput ? output.str() : get.response().bodyBuffer().str();
-            } );
-            EXPECT_EQ( usesOutput && test.outputOutcome ? test.outputOutcome : test.outcome,
-                       outcome );
-            EXPECT_NE( std::string::npos, two.sent().find( test.sent ) ) << two.sent();
-            EXPECT_NE( std::string::npos, two.sent().find( "Host: 10.9.9.9\r\n" ) );
+            EXPECT_EQ( usesOutput ? test.outputOutcome : test.outcome,
+                       outcomeOf( get, outputPtr, [&] { get.resume( &two, outputPtr ); } ) );
+            for ( const std::string& line : { test.sent, std::string( "Range: bytes=5-\r\n" ),
+                                              std::string( "Host: 10.9.9.9\r\n" ) } )
+                EXPECT_NE( std::string::npos, two.sent().find( line ) ) << two.sent();
             EXPECT_EQ( 4u, two.idleTimeout );
             EXPECT_EQ( 0u, get.headerMap().count( Http::headerRange ) +
                                get.headerMap().count( Http::headerIfRange ) );
@@ -277,25 +247,18 @@ TEST_F( HttpRequests, ResumeWhereTheyWereBrokenOff )
     }
 }
 
-TEST_F( HttpRequests, ReportABodyOrOutputThatIsNotTaken )
+TEST_F( HttpRequests, ReportAnOutputThatTakesNothing )
 {
-    MemoryConnection connection( std::string( ok ) + "Content-Length: 5\r\n\r\nhello" );
+    MemoryConnection connection( sized + "5\r\n\r\nhello" );
     HttpGetRequest get( &connection );
-    std::ostream nowhere( nullptr );
     struct Full : std::streambuf
     {
     } full;
-    nowhere.rdbuf( &full );
-    EXPECT_EQ( failure( 3, 325 ), outcomeOf( [&] {
-                   get.issue( "/", &nowhere );
-                   return "";
-               } ) );
+    std::ostream nowhere( &full );
+    EXPECT_EQ( "3,325", outcomeOf( get, nullptr, [&] { get.issue( "/", &nowhere ); } ) );
     EXPECT_TRUE( nowhere.bad() );
-    MemoryConnection refusing( "" );
-    HttpPostRequest post( &refusing );
     NuvTest::expectFailure( "connectionPtr != NULL", [] { HttpGetRequest none( nullptr ); } );
-    NuvTest::expectFailure( "uriPtr != NULL",
-                            [&] { post.issue( nullptr, Utils::Buffer( "x" ) ); } );
+    NuvTest::expectFailure( "uriPtr != NULL", [&] { get.issue( nullptr, nullptr ); } );
 }
 
 // -------------------------------------------------------------------------------- over sockets
@@ -303,17 +266,12 @@ TEST_F( HttpRequests, ReportABodyOrOutputThatIsNotTaken )
 TEST_F( HttpRequests, ReadAnAnswerHoweverItIsCut )
 {
     const std::string body( 3000, 'b' );
-    const std::string sized = std::string( ok ) + "Content-Length: 3000\r\n\r\n" + body;
-    const std::string chunked =
-        std::string( ok ) + "Transfer-Encoding: chunked\r\n\r\nBB8\r\n" + body + "\r\n0\r\n\r\n";
+    const std::string answers[] = { sized + "3000\r\n\r\n" + body,
+                                    chunked + "BB8\r\n" + body + "\r\n0\r\n\r\n" };
     ScriptedServer server( { [&]( const Peer& peer ) {
-        peer.readRequest();
-        peer.sendSlowly( sized );
-        peer.readRequest();
-        peer.sendSlowly( chunked );
-        for ( const std::string& whole : { sized, chunked } ) {
+        for ( int i = 0; i < 4; ++i ) {
             peer.readRequest();
-            peer.send( whole );
+            ( peer.*( i < 2 ? &Peer::sendSlowly : &Peer::send ) )( answers[i % 2] );
         }
         peer.stall();
     } } );
@@ -322,82 +280,43 @@ TEST_F( HttpRequests, ReadAnAnswerHoweverItIsCut )
         HttpGetRequest get( connection.get() );
         get.stopAtContentLength( true );
         std::ostringstream output;
-        get.issue( "/", i % 2 == 0 ? &output : nullptr );
-        EXPECT_TRUE( body == ( i % 2 == 0 ? output.str() : get.response().bodyBuffer().str() ) )
-            << i;
+        EXPECT_TRUE( body == issued( get, i % 2 == 0 ? &output : nullptr ) ) << i;
     }
 }
 
 TEST_F( HttpRequests, FailByReasonWhenThePeerMisbehaves )
 {
-    const std::string head = std::string( ok ) + "Content-Length: 5000\r\n\r\n";
-    const auto script = []( const std::string& answer, const auto& end ) {
-        return [=]( const Peer& peer ) {
-            peer.readRequest();
-            peer.send( answer );
-            ( peer.*end )();
-        };
-    };
-    const std::string part = head + std::string( 2000, 'x' );
+    const std::string part = sized + "5000\r\n\r\n" + std::string( 2000, 'x' );
     const struct
     {
-        const char* what;
-        ScriptedServer::Script script;
+        std::string answer; // empty: does not even read the request
+        void ( Peer::*endPtr )() const;
         std::string outcome;
     } cases[] = {
-        { "closed at once", []( const Peer& ) {}, failure( 1, ECONNRESET ) },
-        { "head, reset", script( "HTTP/1.1 200 OK\r\nCo", &Peer::reset ),
-          failure( 1, ECONNRESET ) },
-        { "part, reset", script( part, &Peer::reset ), failure( 1, ECONNRESET ) },
-        { "part, closed", [&]( const Peer& p ) { p.readRequest(), p.send( part ); },
-          failure( 3, 325 ) },
-        { "head, stalled", script( "HTTP/1.1", &Peer::stall ), failure( 1, 0 ) },
-        { "part, stalled", script( part, &Peer::stall ), failure( 1, 0 ) },
+        { "", nullptr, failure( 1, ECONNRESET ) },
+        { "HTTP/1.1 200 OK\r\nCo", &Peer::reset, failure( 1, ECONNRESET ) },
+        { part, &Peer::reset, failure( 1, ECONNRESET ) },
+        { part, nullptr, "3,325" },
+        { "HTTP/1.1", &Peer::stall, "1,0" },
+        { part, &Peer::stall, "1,0" },
     };
     for ( const auto& test : cases ) {
-        ScriptedServer server( { test.script } );
+        ScriptedServer server( { [&]( const Peer& peer ) {
+            if ( !test.answer.empty() && peer.readRequest() )
+                peer.send( test.answer );
+            if ( test.endPtr != nullptr )
+                ( peer.*test.endPtr )();
+        } } );
         for ( const bool usesOutput : { false, true } ) {
-            SCOPED_TRACE( test.what );
+            SCOPED_TRACE( test.answer.substr( 0, 50 ) + " " + test.outcome );
             const Connection connection = connect( server );
             HttpGetRequest get( connection.get() );
             get.readIdleTimeoutInSeconds( 1 );
             std::ostringstream output;
-            const std::string outcome = outcomeOf( [&] {
-                get.issue( "/", usesOutput ? &output : nullptr );
-                return "no failure";
-            } );
-            const bool isEarly = outcome == failure( 1, EPIPE ) || outcome == failure( 3, 212 );
+            const std::string outcome = issued( get, usesOutput ? &output : nullptr );
+            const bool isEarly = outcome == failure( 1, EPIPE ) || outcome == "3,212";
             EXPECT_EQ( test.outcome, isEarly ? test.outcome : outcome );
-            EXPECT_EQ( get.receivedResponseSize(),
-                       usesOutput ? output.str().size() : get.response().bodyBuffer().size() );
         }
-    }
-}
-
-TEST_F( HttpRequests, EndWithoutEndWhenTheServerSendsForEver )
-{
-    const auto endless = []( const std::string& head, const std::string& more ) {
-        return [=]( const Peer& peer ) {
-            peer.readRequest();
-            peer.send( head );
-            std::string block;
-            while ( block.size() < 100000 )
-                block += more;
-            for ( int i = 0; i < 100; ++i )
-                peer.send( block );
-        };
-    };
-    const std::string chunked = std::string( ok ) + "Transfer-Encoding: chunked\r\n\r\n";
-    ScriptedServer server( { endless( ok, "A: b\r\n" ), endless( ok, "x" ),
-                             endless( chunked + "5", " " ), endless( "", "x" ),
-                             endless( chunked + "0\r\n", "t: x\r\n" ) } );
-    for ( const char* expected : { "3,337", "3,337", "3,463", "3,217", "3,463" } ) {
-        const Connection connection = connect( server );
-        HttpGetRequest get( connection.get() );
-        EXPECT_EQ( expected, outcomeOf( [&] {
-                       get.issue( "/", nullptr );
-                       return "";
-                   } ) );
     }
 }
 
@@ -405,7 +324,7 @@ TEST_F( HttpRequests, TakeOneSendAndOneReceiveWhenSmall )
 {
     ScriptedServer server( { []( const Peer& peer ) {
         while ( peer.readRequest() )
-            peer.send( std::string( ok ) + "Content-Length: 4\r\n\r\nbody" );
+            peer.send( sized + "4\r\n\r\nbody" );
     } } );
     const Connection connection = connect( server );
     HttpPostRequest post( connection.get() );
@@ -440,11 +359,9 @@ TEST_F( HttpRequests, StreamBuffersKeepLimitsAndPutBack )
     EXPECT_EQ( 2, buf.readLimit( 0 ) );
     EXPECT_EQ( 12, buf.sgetn( text, 12 ) );
     EXPECT_EQ( 'o', text[0] );
-    TcpConnectionStream* const streamPtr =
-        HttpRequest::createTcpRequestConnectionStream( server.address(), 10, 10 );
-    TcpConnectionStream::timerCallback( nullptr, streamPtr );
-    EXPECT_EQ( EOF, streamPtr->istreamPtr()->get() );
-    delete streamPtr;
+    const Connection stream = connect( server );
+    TcpConnectionStream::timerCallback( nullptr, stream.get() );
+    EXPECT_EQ( EOF, stream->istreamPtr()->get() );
     NuvTest::expectFailure( "objPtr != NULL",
                             [] { TcpConnectionStream::timerCallback( nullptr, nullptr ); } );
     NuvTest::expectFailure( "mySocketPtr != NULL",
