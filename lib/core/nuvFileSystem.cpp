@@ -311,9 +311,11 @@ void unlockAfterFork() NUV_NO_THREAD_SAFETY_ANALYSIS
     ourUmaskMutex.exit();
 }
 
-// The child's thread has another identity than the one that locked, so it cannot unlock.
-void renewAfterFork()
+// The child's thread has another identity than the one that locked, so it cannot unlock; the call
+// tells a checker of locks alone.
+void renewAfterFork() NUV_NO_THREAD_SAFETY_ANALYSIS
 {
+    ourUmaskMutex.exit();
     ::new ( &ourUmaskMutex ) Mt::Mutex();
 }
 

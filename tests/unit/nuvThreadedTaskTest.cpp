@@ -149,11 +149,11 @@ TEST_F( ThreadedTasks, InheritTheNameShowWhatTheyWaitForAndDeleteTheirThreadleto
         return sharedPtr != nullptr &&
                std::atomic_ref( sharedPtr.load()->myWaitObject ) == semaphore.handle();
     } ) );
-    const SubsystemInfo::ThreadDetails& record = *sharedPtr;
+    SubsystemInfo::ThreadDetails& record = *sharedPtr;
     EXPECT_TRUE( ourExists );
-    EXPECT_EQ( record.myWaitKind, 2u );
+    EXPECT_EQ( std::atomic_ref( record.myWaitKind ).load(), 2u );
     EXPECT_STREQ( record.myDescription, "a task whose name is longer than" );
-    EXPECT_EQ( record.myState, 1u );
+    EXPECT_EQ( std::atomic_ref( record.myState ).load(), 1u );
     semaphore.post();
     EXPECT_TRUE( isEnded( task ) );
     EXPECT_EQ( task.exitCode(), 1 );
