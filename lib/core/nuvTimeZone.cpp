@@ -89,12 +89,12 @@ TimeZone::TimeZone( const std::string& name, const Buffer& fileData )
 const Io::Pathname& TimeZone::basePath()
 {
     // Never destroyed, as the pattern above.
-    static const Io::Pathname& ourBasePath = [] {
+    static const Io::Pathname* const ourBasePathPtr = [] {
         Io::Pathname zoneBase( "/usr/share/zoneinfo" );
         nuvAssert( zoneBase.isDirectory() );
-        return *new Io::Pathname( zoneBase );
+        return new Io::Pathname( zoneBase );
     }();
-    return ourBasePath;
+    return *ourBasePathPtr;
 }
 
 bool TimeZone::getCurrentTzName( std::string* namePtr, const char* clockPathPtr )
