@@ -24,6 +24,11 @@ NUV_FAIL_CALLS( ourPipeFault, -1, int, pipe2, ( int* fdsPtr, int flags ), ( fdsP
 NUV_FAIL_CALLS( ourCloneFault, -1, int, clone,
                 ( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* ptr ),
                 ( functionPtr, stackPtr, flags, ptr ) )
+#if defined( __SANITIZE_THREAD__ ) // as the library calls it there
+NUV_FAIL_CALLS( ourCloneFault, -1, int, __clone,
+                ( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* ptr ),
+                ( functionPtr, stackPtr, flags, ptr ) )
+#endif
 // NOLINTEND
 
 namespace Nuv::Mt {
