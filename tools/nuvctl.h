@@ -59,6 +59,11 @@ void printJson( const Json& document );
 /// @return problem
 int complain( const std::string& text );
 
+/// Shows something anew every intervalMs, on a terminal in place of what was there, until standard
+/// output is gone. @return problem
+int watch( const CommonOptions& common, unsigned int intervalMs,
+           const std::function< void() >& show );
+
 /// "12 s", "3 min", "5 h", "2 d": how long ago a time (seconds since 1970) was; "-" for 0.
 std::string ageText( std::int64_t now, std::int64_t time );
 

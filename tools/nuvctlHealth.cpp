@@ -443,14 +443,7 @@ int showHealth( const CommonOptions& common, const HealthOptions& options )
 {
     if ( !options.myWatch )
         return showOnce( common, options );
-    while ( std::cout ) {
-        if ( !common.myJson && ::isatty( STDOUT_FILENO ) )
-            std::cout << "\x1b[H\x1b[2J"; // cursor home, clear
-        showOnce( common, options );
-        std::cout << std::flush;
-        ::usleep( options.myIntervalMs * 1000 );
-    }
-    return problem;
+    return watch( common, options.myIntervalMs, [&] { showOnce( common, options ); } );
 }
 
 } // namespace Nuv::Ctl

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <unistd.h>
 
 namespace Nuv::Ctl {
 
@@ -60,6 +61,19 @@ int complain( const std::string& text )
 {
     std::cout.flush();
     std::cerr << "nuvctl: " << text << std::endl;
+    return problem;
+}
+
+int watch( const CommonOptions& common, unsigned int intervalMs,
+           const std::function< void() >& show )
+{
+    while ( std::cout ) {
+        if ( !common.myJson && ::isatty( STDOUT_FILENO ) )
+            std::cout << "\x1b[H\x1b[2J"; // cursor home, clear
+        show();
+        std::cout << std::flush;
+        ::usleep( intervalMs * 1000 );
+    }
     return problem;
 }
 

@@ -162,14 +162,7 @@ int showThreads( const CommonOptions& common, const ThreadsOptions& options )
 {
     if ( !options.myWatch )
         return showOnce( common, options );
-    while ( std::cout ) {
-        if ( !common.myJson && ::isatty( STDOUT_FILENO ) )
-            std::cout << "\x1b[H\x1b[2J"; // cursor home, clear
-        showOnce( common, options );
-        std::cout << std::flush;
-        ::usleep( options.myIntervalMs * 1000 );
-    }
-    return problem;
+    return watch( common, options.myIntervalMs, [&] { showOnce( common, options ); } );
 }
 
 } // namespace Nuv::Ctl
