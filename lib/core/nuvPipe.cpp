@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -60,6 +61,26 @@ void keepTaken( const Mt::Semaphore& semaphore )
     sembuf keep[] = { { Mt::Semaphore::semaphoreIdx, +1, SEM_UNDO },
                       { Mt::Semaphore::semaphoreIdx, -1, 0 } }; // in one step: nobody sees it free
     Utils::retryOnEintr( [&] { return ::semop( semaphore.handle(), keep, 2 ); } );
+}
+
+// One client at a time: a second one would take posts that are meant for the first. The lock is on
+// the key file of the clients' semaphore; the system opens it when its holder is killed.
+// @param timeoutMsPtr is lessened by the time waited
+// @return invalid when the time is over
+Utils::Handle takeTurn( const Mt::Semaphore& semaphore, unsigned int* timeoutMsPtr )
+{
+    Utils::MsTimer timer;
+    Utils::Handle turn( Utils::retryOnEintr(
+        [&] { return ::open( semaphore.fileName(), O_RDONLY | O_CLOEXEC | O_NOCTTY ); } ) );
+    while ( turn.isValid() && ::flock( turn, LOCK_EX | LOCK_NB ) != 0 ) {
+        const bool isTaken = errno == EWOULDBLOCK || errno == EINTR;
+        timer.decrementByElapsedTime( timeoutMsPtr );
+        if ( !isTaken || *timeoutMsPtr == 0 )
+            turn.reset();
+        else
+            ::usleep( 1000 );
+    }
+    return turn;
 }
 
 bool makeBlocking( int fd )
@@ -282,7 +303,9 @@ void ClientPipe::connect( unsigned int timeoutMs, bool quiet )
     static constexpr char failure[] = "The connect to the specified Io::ClientPipe failed.";
     logStep( "Begin", "connect" );
     close();
-    if ( !takeRevocably( myServerConnectSema, timeoutMs ) ) {
+    myTurn.reset();
+    Utils::Handle turn = takeTurn( myClientConnectSema, &timeoutMs );
+    if ( !turn.isValid() || !takeRevocably( myServerConnectSema, timeoutMs ) ) {
         if ( !quiet ) {
             nuvLogTo( mySources.source( Log::error ) )
                 << "errSystemError connect timed out [ClientPipe::connect]";
@@ -306,6 +329,7 @@ void ClientPipe::connect( unsigned int timeoutMs, bool quiet )
     logStep( "Before connect complete wait", "connect" );
     if ( !waitForPeer( &myServerConnectSema ) )
         logStep( "Wait for Server connect complete timed out", "connect" );
+    myTurn = std::move( turn );
     logStep( "End", "connect" );
 }
 
@@ -320,6 +344,7 @@ void ClientPipe::disconnect()
     logStep( "   myClientConnectSema.post()", "disconnect" );
     if ( wasConnected )
         myClientConnectSema.post();
+    myTurn.reset();
     logStep( "End", "disconnect" );
 }
 

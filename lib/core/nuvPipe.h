@@ -170,7 +170,9 @@ public:
 
     /// A process that is killed within it leaves the server free for the next client, at the latest
     /// after one failed connect() of that server.
-    /// @param timeoutMs for a server to be available; the steps after that wait as the server's do
+    /// Clients that come while another one is connected wait for their turn.
+    /// @param timeoutMs for this client's turn and a server to be available; the steps after that
+    ///        wait as the server's do
     /// @param quiet no line at error severity when no server is available in time
     /// @throws Exception "The connect to the specified Io::ClientPipe failed."
     void connect( unsigned int timeoutMs, bool quiet );
@@ -188,6 +190,9 @@ public:
     void writeMsg( const Utils::Buffer& message );
     /// @throws Exception "Failed to clear contents from the specified Io::ClientPipe."
     void drainPipe();
+
+private:
+    Utils::Handle myTurn; // no other client has it; from connect() to disconnect()
 };
 
 } // namespace Nuv::Io

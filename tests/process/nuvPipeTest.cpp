@@ -86,6 +86,24 @@ TEST_F( Pipes, AThousandRoundsLeaveTheHandshakeInStep )
     last.expectSuccess();
 }
 
+TEST_F( Pipes, ClientsThatContendAreServedOneAfterTheOther )
+{
+    CtConfig::handshakeTimeoutMs = 5000;
+    ServerPipe pipe( "test" );
+    Peer first( "rounds", "", "150" );
+    Peer second( "rounds", "", "150" );
+    Peer third( "rounds", "", "150" );
+    std::string failure;
+    for ( int i = 0; i < 450 && failure.empty(); ++i ) {
+        failure = failureOf( [&] { pipe.connect(); } );
+        pipe.disconnect();
+    }
+    EXPECT_EQ( "", failure );
+    first.expectSuccess();
+    second.expectSuccess();
+    third.expectSuccess();
+}
+
 TEST_F( Pipes, NameIsTakenWhileItsServerLivesAndFreeAfterwards )
 {
     const std::string toServer = Pathname( Pathname::ipcDirectory, "pipe_toSrvr_test" ).str();

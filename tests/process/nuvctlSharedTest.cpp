@@ -90,6 +90,7 @@ TEST_F( NuvctlShared, TwoDaemonsTalkShowTheirHealthAndShareTheirSettings )
 {
     NUV_SKIP_IF_SIGNALS_BREAK_THREADS();
     const auto sensorPtr = startSensor();
+    Daemon mainApp( "mainApp", { "--interval-ms", "50" } );
     expect( 0, "model nip500 bypass", { "send", "sensord", " model\n" } );
     expect( 0, "no command \"nonsense\"", { "send", "sensord", "nonsense" } );
     EXPECT_NE( json( { "send", "sensord", "help" } )["answer"].dump().find( "kill-helper" ),
@@ -99,7 +100,6 @@ TEST_F( NuvctlShared, TwoDaemonsTalkShowTheirHealthAndShareTheirSettings )
     EXPECT_TRUE( waitFor( [] { return health( "sensor", "feedshareNumOfFailures" ) == 1; } ) );
     EXPECT_TRUE( waitFor( [] { return answers( "averages", "load " ); } ) );
 
-    Daemon mainApp( "mainApp", { "--interval-ms", "50" } );
     EXPECT_TRUE( waitFor( [] { return health( "mainApp", "state" ) == "running"; } ) );
     const Json sensor = json( { "health" } )["sensor"];
     EXPECT_EQ( sensor["parameters"][0], 50 );
