@@ -168,7 +168,9 @@ TEST_F( LogConfig, SourcesMadeMeanwhileAreBoundInOrderAndSilentUntilThen )
 
 TEST_F( LogConfig, SourcesOutliveForksTheManagerAndMissingInterprocessObjects )
 {
+#if !defined( __SANITIZE_ADDRESS__ ) // whose allocator may hang in a fork beside other threads
     EXPECT_EQ( "100 children\n", run( { "source child error", "fork" } ) );
+#endif
     configure( "[zone/late]\nflags = zonename\ndrain = late\n[drain/late]\ntype = file\n" );
     EXPECT_EQ( "", run( { "late" } ) );
     EXPECT_EQ( "late in time\n" + ourMarker, NuvTest::readFile( root( "log/late.log" ) ) );
