@@ -19,6 +19,7 @@
 #define NUV_EXCLUDES( ... ) NUV_THREAD_ATTRIBUTE( locks_excluded( __VA_ARGS__ ) )
 #define NUV_ACQUIRE( ... ) NUV_THREAD_ATTRIBUTE( acquire_capability( __VA_ARGS__ ) )
 #define NUV_RELEASE( ... ) NUV_THREAD_ATTRIBUTE( release_capability( __VA_ARGS__ ) )
+#define NUV_RETURN_CAPABILITY( x ) NUV_THREAD_ATTRIBUTE( lock_returned( x ) )
 #define NUV_NO_THREAD_SAFETY_ANALYSIS NUV_THREAD_ATTRIBUTE( no_thread_safety_analysis )
 
 namespace Nuv::Mt {

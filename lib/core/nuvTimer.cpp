@@ -23,8 +23,8 @@ constexpr std::uint32_t maxWaitMs = 1u << 30;
 // own end.
 Mt::Mutex ourActionMutex;
 
-// A child of fork() has no timer thread, and the list as some thread of the parent left it: there
-// nothing of it is touched.
+// A child of fork() has no timer thread, and the list and the timers' mutexes as the threads of the
+// parent left them: there none of them is touched.
 std::atomic< bool > ourIsForkedChild = false;
 
 void atForkInChild()
@@ -52,7 +52,7 @@ public:
           myTimerPtr( timerPtr ),
           myOuterPtr( ourInnermostPtr )
     {
-        timerPtr->myMutex.enter();
+        timerPtr->ownMutex().enter();
         ourInnermostPtr = this;
     }
     ActionScope( const ActionScope& ) = delete;
@@ -61,7 +61,7 @@ public:
     {
         ourInnermostPtr = myOuterPtr;
         if ( !isDestroyed() )
-            myTimerPtr->myMutex.exit();
+            myTimerPtr->ownMutex().exit();
     }
 
     bool isDestroyed() const { return myTimerPtr == nullptr; }
@@ -72,7 +72,7 @@ public:
               scopePtr = scopePtr->myOuterPtr ) {
             if ( scopePtr->myTimerPtr != timerPtr )
                 continue;
-            scopePtr->myTimerPtr->myMutex.exit();
+            scopePtr->myTimerPtr->ownMutex().exit();
             scopePtr->myTimerPtr = nullptr;
         }
     }
@@ -87,6 +87,11 @@ private:
 
 thread_local Timer::ActionScope* Timer::ActionScope::ourInnermostPtr = nullptr;
 
+Mt::Mutex& Timer::ownMutex() const
+{
+    return isForkedChild() ? ourActionMutex : myMutex;
+}
+
 Timer::Timer( AlarmActionFunc func, void* argumentPtr )
     : myAlarmActionFunc( func )
     , myArgumentPtr( argumentPtr )
@@ -100,8 +105,10 @@ Timer::Timer( AlarmActionFunc func, void* argumentPtr )
 Timer::~Timer()
 {
     ActionScope::leaveAll( this );
-    if ( isForkedChild() )
+    if ( isForkedChild() ) {
+        new ( &myMutex ) Mt::Mutex();
         return;
+    }
     const Mt::MutexLock noActions( ourActionMutex );
     disableAction();
     TimerTask::unschedule( this );
@@ -115,7 +122,7 @@ void Timer::action() NUV_NO_THREAD_SAFETY_ANALYSIS
 
 void Timer::setCallBack( AlarmActionFunc func, void* argumentPtr )
 {
-    const Mt::MutexLock lock( myMutex );
+    const Mt::MutexLock lock( ownMutex() );
     myAlarmActionFunc = func;
     myArgumentPtr = argumentPtr;
 }
@@ -124,7 +131,7 @@ void Timer::expireTime( unsigned int seconds, TimerMode mode )
 {
     nuvAssert( seconds <= maxSeconds );
     {
-        const Mt::MutexLock lock( myMutex );
+        const Mt::MutexLock lock( ownMutex() );
         myIsEnabled = false;
         myMode = seconds > 0 ? mode : oneShot;
         if ( seconds > 0 )
@@ -138,13 +145,13 @@ void Timer::expireTime( unsigned int seconds, TimerMode mode )
 
 void Timer::enableAction()
 {
-    const Mt::MutexLock lock( myMutex );
+    const Mt::MutexLock lock( ownMutex() );
     myIsEnabled = true;
 }
 
 void Timer::disableAction()
 {
-    const Mt::MutexLock lock( myMutex );
+    const Mt::MutexLock lock( ownMutex() );
     myIsEnabled = false;
 }
 
@@ -182,7 +189,7 @@ void TimerTaskImpl::schedule( Timer* timerPtr )
         timerPtr->myListPosition = timers().insert( timers().end(), timerPtr );
     std::uint32_t ms = 0;
     {
-        const Mt::MutexLock lock( timerPtr->myMutex );
+        const Mt::MutexLock lock( timerPtr->ownMutex() );
         timerPtr->myIsEnabled = true;
         timerPtr->myStopwatch.reset();
         ms = timerPtr->myRemainingMs = timerPtr->myExpireTimeInMs;
@@ -268,7 +275,7 @@ std::uint32_t TimerTaskImpl::serveTimers()
 std::uint32_t TimerTaskImpl::countDown( Timer* timerPtr )
 {
     Timer* const tPtr = timerPtr;
-    const Mt::MutexLock lock( tPtr->myMutex );
+    const Mt::MutexLock lock( tPtr->ownMutex() );
     nuvAssert( tPtr->myExpireTimeInMs != 0 );
     tPtr->myStopwatch.decrementByElapsedTime( &tPtr->myRemainingMs );
     return tPtr->myRemainingMs;
@@ -288,7 +295,7 @@ __attribute__( ( no_sanitize( "null" ) ) ) bool TimerTaskImpl::serve( Timer* tim
     }
     if ( scope.isDestroyed() )
         return false;
-    const Mt::MutexLock lock( timerPtr->myMutex );
+    const Mt::MutexLock lock( timerPtr->ownMutex() );
     return timerPtr->myMode == Timer::periodic;
 }
 

@@ -80,6 +80,10 @@ private:
     friend class TimerTaskImpl;
     class ActionScope;
 
+    // @return what guards the fields: in a forked child, where the timer's own may be taken by a
+    //         thread that is not there, the action mutex
+    Mt::Mutex& ownMutex() const NUV_RETURN_CAPABILITY( myMutex );
+
     AlarmActionFunc myAlarmActionFunc NUV_GUARDED_BY( myMutex );
     mutable Mt::Mutex myMutex; // after TimerTask::actionMutex()
     void* myArgumentPtr NUV_GUARDED_BY( myMutex );

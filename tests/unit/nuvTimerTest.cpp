@@ -162,16 +162,29 @@ const int ourIsRegistered = std::atexit( [] {
         ::_exit( ::testing::Test::HasFailure() ? 1 : 0 );
 } );
 
+// Both mutexes of an action are taken by a thread that the child does not have.
 TEST( TimerProcess, AForkedChildEndsWithoutItsTimers )
 {
-    static Timer ourTimer;
+    static std::atomic< int > ourState = 0;
+    static Timer ourTimer( []( Timer*, void* ) {
+        if ( ourState.exchange( 1 ) == 0 ) {
+            ourState.notify_one();
+            ourState.wait( 1 );
+        }
+    } );
     ourTimer.expireTime( 1000, Timer::periodic );
+    std::thread busy( [] { ourTimer.doAction(); } );
+    ourState.wait( 0 );
     const auto outcome = NuvTest::runInChild( [] {
         ourIsChild = true;
         EXPECT_FALSE( ourTimer.isArmed() );
         ourTimer.expireTime( 1, Timer::oneShot );
+        ourTimer.doAction();
         std::exit( 2 );
     } );
+    ourState = 2;
+    ourState.notify_one();
+    busy.join();
     EXPECT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
 }
 
