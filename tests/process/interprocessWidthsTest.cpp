@@ -73,10 +73,11 @@ protected:
         }
         return false;
     }
-    // Steps of two actors: "1 command: answer", "2 command that blocks: ...", "2 : late answer".
-    static void play( Actor& first, Actor& second, const std::vector< std::string >& steps )
+    // Steps of two actors: "1 command: answer; 2 command that blocks: ...; 2 : late answer".
+    static void play( Actor& first, Actor& second, const std::string& steps )
     {
-        for ( const std::string& step : steps ) {
+        std::istringstream stream( steps );
+        for ( std::string step; std::getline( stream >> std::ws, step, ';' ); ) {
             SCOPED_TRACE( step );
             Actor& actor = step[0] == '1' ? first : second;
             const std::size_t colon = step.find( ": " );
@@ -121,27 +122,27 @@ TEST_F( Interprocess, LastUserGoesAlsoWhenAnotherWasKilled )
 {
     Actor killed, last;
     play( killed, last,
-          { "1 semaphore last 3: created", "2 semaphore last 3: joined",
-            "1 segment last 100: created", "2 segment last 100: joined", "1 event last: made",
-            "2 event last: made", "1 wait: taken", "1 put left: left", "1 signal: signalled" } );
+          "1 semaphore last 3: created; 2 semaphore last 3: joined; 1 segment last 100: created;"
+          "2 segment last 100: joined; 1 event last: made; 2 event last: made; 1 wait: taken;"
+          "1 put left: left; 1 signal: signalled" );
     killed.kill( SIGKILL );
     killed.wait();
     // Of the uses one is the dead process's.
-    play( last, last, { "1 get: left", "1 await 1000: fired", "1 uses: 2", "1 drop: dropped" } );
+    play( last, last, "1 get: left; 1 await 1000: fired; 1 uses: 2; 1 drop: dropped" );
     EXPECT_FALSE( exists( "shm_last" ) ) << "the system knows who is attached";
     EXPECT_TRUE( exists( "sem_last" ) && exists( "evt_last" ) );
     Actor other;
     play( last, other,
-          { "1 semaphore last 3: joined", "1 peek: taken", "1 peek: taken", "1 peek: not taken",
-            "1 event last: made", "1 await 60000: ...", "2 event last: made", "2 signal: signalled",
-            "1 : fired", "1 drop: dropped", "2 drop: dropped" } );
+          "1 semaphore last 3: joined; 1 peek: taken; 1 peek: taken; 1 peek: not taken;"
+          "1 event last: made; 1 await 60000: ...; 2 event last: made; 2 signal: signalled;"
+          "1 : fired; 1 drop: dropped; 2 drop: dropped" );
     for ( const char* const namePtr : { "sem_last", "sem_evt_last", "sem_shm_last" } ) { // repaired
         ::semctl( handle( ipc( namePtr ) ), Mt::Semaphore::useCountIdx, SETVAL, 0 );
     }
     // A set of no user is made anew.
     play( last, last,
-          { "1 semaphore last 3: created", "1 segment last 9: created", "1 event last: made",
-            "1 drop: dropped" } );
+          "1 semaphore last 3: created; 1 segment last 9: created; 1 event last: made;"
+          "1 drop: dropped" );
     EXPECT_FALSE( isAnyLeft( "last" ) );
 }
 
@@ -219,31 +220,15 @@ TEST_F( Interprocess, ProcessesOfBothWidthsShareAllKinds )
     NUV_SKIP_WITHOUT( NuvTest::program( "ipcActor", 96 - ownWidth ) );
     for ( const int width : { 32, 64 } ) {
         Actor creator( width ), other( 96 - width );
-        play( creator, other,
-              { "1 semaphore both 1: created",
-                "2 semaphore both 1: joined",
-                "1 segment both 100: created",
-                "2 segment both 100: joined",
-                "1 fifo both 1000: created",
-                "2 fifo both 1000: joined",
-                "1 event both: made",
-                "2 event both: made",
-                "1 put shared: shared",
-                "2 get: shared",
-                "1 wait: taken",
-                "2 uses: 2",
-                "2 peek: not taken",
-                "2 wait: ...",
-                "1 post: posted",
-                "2 : taken",
-                "2 await 60000: ...",
-                "1 signal: signalled",
-                "2 : fired",
-                "1 write 12 17 x: 0",
-                "2 read: x 0 xxxxxxxxxxxxx",
-                "2 drop: dropped",
-                "1 read: x 1 xxxxxxxxxxxxx",
-                "1 drop: dropped" } );
+        play(
+            creator, other,
+            "1 semaphore both 1: created; 2 semaphore both 1: joined; 1 segment both 100: created;"
+            "2 segment both 100: joined; 1 fifo both 1000: created; 2 fifo both 1000: joined;"
+            "1 event both: made; 2 event both: made; 1 put shared: shared; 2 get: shared;"
+            "1 wait: taken; 2 uses: 2; 2 peek: not taken; 2 wait: ...; 1 post: posted; 2 : taken;"
+            "2 await 60000: ...; 1 signal: signalled; 2 : fired; 1 write 12 17 x: 0;"
+            "2 read: x 0 xxxxxxxxxxxxx; 2 drop: dropped; 1 read: x 1 xxxxxxxxxxxxx;"
+            "1 drop: dropped" );
         EXPECT_FALSE( isAnyLeft( "both" ) );
     }
 }

@@ -112,29 +112,6 @@ protected:
 
 } // namespace
 
-TEST_F( IpcDoctor, KilledBeforeAnyStepIsFoundAndPutRight )
-{
-    if ( !canTrace() )
-        GTEST_SKIP() << "no child can be traced here";
-    std::set< Finding::Kind > kinds;
-    int n = 1;
-    for ( ; killAtChange( n, useObjects ); ++n ) {
-        SCOPED_TRACE( "change " + std::to_string( n ) );
-        kinds.merge( repairAll() );
-        // What holds entries is kept for the next reader: the run that follows is that.
-        const Outcome outcome = NuvTest::runInChild( useObjects, std::chrono::seconds( 20 ) );
-        ASSERT_EQ( outcome.exitStatus(), 0 ) << outcome.errors;
-        expectNothingLeft();
-        ASSERT_FALSE( HasFailure() );
-    }
-    EXPECT_GT( n, 80 ) << "the sweep went through too little";
-    for ( const Finding::Kind kind :
-          { Finding::masterTaken, Finding::semaphoreTaken, Finding::fifoUnused,
-            Finding::segmentUnused, Finding::setUnfinished, Finding::useCount,
-            Finding::keyWithoutSet, Finding::keyWithoutSegment } )
-        EXPECT_EQ( kinds.count( kind ), 1u ) << "never met: " << kindKeyword( kind );
-}
-
 TEST_F( IpcDoctor, RepairNextToALiveUserLeavesItUndisturbed )
 {
     if ( !canTrace() )

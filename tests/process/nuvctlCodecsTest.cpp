@@ -22,10 +22,7 @@ TEST( NuvctlCodecs, ShowAndEncode )
     const std::tuple< const char*, std::string, std::string > rows[] = {
         // words, input, output
         { "decode base64 -", "TWFu\nTQ==\n", "ManM" },
-        { "decode base64 --json",
-          "gP8=", "{\n  \"size\": 2,\n  \"bytes\": {\n    \"$base64\": \"gP8=\"\n  }\n}\n" },
         { "crc 32 --initial 0xFFFFFFFF", "123456789", "340bc6d9\n" },
-        { "crc 16 --initial 0", "123456789", "31c3\n" },
         { "decode bencode", "d1:ali-1e2:\n\\e1:bdee",
           "dictionary\n  a: list\n    - -1\n    - \"\\x0a\\\"\n  b: dictionary\n" },
         { "encode bencode", "{\"b\":[-2147483648,{}],\"a\":{\"$base64\":\"gP8=\"}}",
@@ -41,17 +38,11 @@ TEST( NuvctlCodecs, ShowAndEncode )
         { "decode archive", "\xC5\xC0\0\0\0\1xca\0\0\0\1Nd"s,
           "archive of version 1, 15 bytes\nclass N at offset 7\n"
           "An archive does not tell the types of its values; give them by --fields.\n" },
-        { "regex 'a(x)?(b*)'", "", "2 groups, program of 55 bytes\n" },
         { "regex -i --program 'A(x)?' -", "c\n\xFF.a\n",
           "    0 branch -> 30\n    3 anyOf \"a\" -> 8\n    8 repeat {0,1} -> 30\n"
           "   13 open 1 -> 16\n   16 branch -> 24\n   19 anyOf \"x\" -> 24\n   24 close 1 -> 27\n"
           "   27 end\n   30 end\nline 2: \xFF.a\n"
           "PART     FROM  TO  TEXT\nmatch    2     3   a\ngroup 1  -     -\n3 steps\n" },
-        { "regex --json 'a(x)?' 'a'", "",
-          "{\n  \"groups\": 1,\n  \"programSize\": 33,\n  \"searches\": [\n    {\n"
-          "      \"line\": 1,\n      \"steps\": 3,\n      \"match\": {\n        \"from\": 0,\n"
-          "        \"to\": 1,\n        \"text\": \"a\",\n        \"takesPart\": true\n      },\n"
-          "      \"groups\": [\n        null\n      ]\n    }\n  ]\n}\n" },
     };
     for ( const auto& [wordsPtr, input, output] : rows ) {
         const NuvTest::Outcome outcome = nuvctl( wordsPtr, input );
@@ -67,13 +58,10 @@ TEST( NuvctlCodecs, RefusalsNameTheFault )
 {
     const std::tuple< const char*, std::string, int, const char* > rows[] = {
         { "decode base64", "T*", 1, "nuvctl: Invalid Base64 encoded text [1,0]\n" },
-        { "decode base64", "TQ==\nTQ==\n", 1, "nuvctl: Invalid Base64 encoded text [1,0]\n" },
-        { "decode base64", "TWFu\0TWFu"s, 1, "nuvctl: Invalid Base64 encoded text [1,0]\n" },
         { "decode bencode", "e", 1, "nuvctl: an 'e' stands where" },
         { "decode bencode", "i1ei2e", 1, "nuvctl: 3 bytes follow the item\n" },
         { "decode bencode --json", "d1:\xFFi1ee", 1, "nuvctl: the key" },
         { "encode bencode", "[", 1, "nuvctl: the input is no JSON" },
-        { "encode bencode", "[2147483648]", 1, "nuvctl: 2147483648 needs more than 32 bits" },
         { "encode bencode", std::string( 257, '[' ) + std::string( 257, ']' ), 1,
           "nuvctl: nested too deeply" },
         { "encode archive", "int 1\nbool yes\n", 1,

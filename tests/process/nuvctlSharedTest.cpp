@@ -1,8 +1,5 @@
 #include "nuvToolFixture.h"
 #include "nuvctlHealth.h"
-#include "nuvctlRecords.h"
-
-#include "nuvGlobal.h"
 
 #include <csignal>
 #include <cstring>
@@ -15,9 +12,6 @@ namespace {
 
 using namespace NuvTest;
 using Json = nlohmann::json;
-using Nuv::Ctl::RecordField;
-using Nuv::Ctl::RecordFields;
-using Data = Nuv::Utils::Global::Data;
 
 class NuvctlShared : public ToolFixture
 {
@@ -52,14 +46,6 @@ protected:
         return json( { "health" } )[recordPtr][fieldPtr];
     }
 };
-
-RecordField find( const RecordFields& record, const std::string& name )
-{
-    for ( const RecordField& field : record.myFields )
-        if ( field.myName == name )
-            return field;
-    return {};
-}
 
 } // namespace
 
@@ -191,35 +177,6 @@ TEST_F( NuvctlShared, CheckKnowsMainAppConfAndBootInfo )
         writeFile( root( file ), bytes );
         expect( std::string( text ) == "no mistake" ? 0 : 1, text, { "check", root( file ) } );
     }
-}
-
-TEST( SharedRecords, EveryFieldHasItsPlaceAndNoCountLeadsBeyondTheBytes )
-{
-    const RecordFields global = RecordFields::of( std::string( sizeof( Data ), '\xff' ), true );
-    EXPECT_FALSE( global.myIsSound ); // the key store's length
-    const std::tuple< const char*, std::size_t, std::size_t > places[] = {
-        { "sensor.version", 30156, 4 },
-        { "sensor.sensorLoadValue", 30352, 4 },
-        { "sensor.virtualSensors[0].buckets[last-hour]", 30472, 28 },
-        { "sensor.virtualSensors[255].topServices[9].values", 100000, 8 },
-        { "mainApp.statusText", 100040, 65 },
-    };
-    for ( const auto& [name, offset, nbrOfBytes] : places ) {
-        EXPECT_EQ( find( global, name ).myOffset, offset ) << name;
-        EXPECT_EQ( find( global, name ).myNbrOfBytes, nbrOfBytes ) << name;
-    }
-    EXPECT_EQ( find( global, "mainApp.version" ).myMeaning, "2147483647 commits, one is going on" );
-    const RecordFields zones = RecordFields::of( std::string( 6044, '\xff' ), false );
-    EXPECT_FALSE( zones.myIsSound );
-    EXPECT_EQ( find( zones, "zones[0].name" ).myName, "" ); // their number is -1
-    EXPECT_NE( find( zones, "presets[100].severity" ).myName, "" );
-    std::string bytes( 8804, '\0' );
-    bytes[0] = 2;
-    bytes[4 + 88 * 99] = 1;
-    const RecordFields threads = RecordFields::of( bytes, false );
-    EXPECT_TRUE( threads.myIsSound );
-    EXPECT_EQ( find( threads, "records[99].state" ).myMeaning, "new" );
-    EXPECT_EQ( RecordFields::of( "", true ).myKind, "" );
 }
 
 TEST( HealthMetrics, NamesAreEscapedAndUnusedSensorsLeftOut )

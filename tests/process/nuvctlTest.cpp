@@ -278,20 +278,6 @@ TEST_F( Nuvctl, CheckNamesWhatTheReaderForgives )
     EXPECT_EQ( json( { "check", root( "other/nuvs.conf" ) }, 1 )[0]["mistakes"].size(), 3u );
 }
 
-TEST( ZoneTable, CountsOutOfRangeAreCut )
-{
-    std::string bytes( sizeof( Nuv::Log::ConfigManager::Data ), '\xff' );
-    const auto table = Nuv::Ctl::ZoneTable::parse( bytes );
-    ASSERT_TRUE( table );
-    EXPECT_TRUE( table->myZones.empty() );    // -1
-    EXPECT_EQ( table->myPresets.size(), 1u ); // 65535, cut to the table, all of one name
-    bytes.replace( offsetof( Nuv::Log::ConfigManager::Data, myNbrOfZones ), 4, "\xff\xff\xff\x7f",
-                   4 );
-    EXPECT_EQ( Nuv::Ctl::ZoneTable::parse( bytes )->myZones.size(), 100u );
-    bytes.pop_back();
-    EXPECT_FALSE( Nuv::Ctl::ZoneTable::parse( bytes ) );
-}
-
 TEST( ToolTable, AlignsByCharactersAndShowsNoControlBytes )
 {
     ::testing::internal::CaptureStdout();

@@ -109,13 +109,5 @@ TEST( Base64Capacity, IsAskedForBeforeAnythingChanges )
     EXPECT_THROW( growing.handleOutputBufferCapacity( SIZE_MAX, &decoded ), std::bad_alloc );
 }
 
-TEST( TransformAlgorithmBase, OffersNothing )
-{
-    TransformAlgorithm base;
-    EXPECT_EQ( 0u, NuvTest::textOf< LogicException >( [&] { base.reverseFinal( nullptr ); } )
-                       .find( "nuvAssert: Condition failed: false,  reverseFinal not implemented "
-                              "(FILE: nuvTransformAlgorithm.cpp" ) );
-}
-
 } // namespace
 } // namespace Nuv::Utils

@@ -105,19 +105,6 @@ TEST( BufferSearch, AgreesWithTheStandardString )
     EXPECT_EQ( Buffer::npos, Buffer( "abc" ).find( "", 3 ) );
 }
 
-TEST( OBufferStreamGrowth, DoublesFrom128Bytes )
-{
-    OBufferStream stream;
-    for ( const unsigned int capacity : { 128u, 256u, 512u } ) {
-        while ( stream.view().size() < capacity )
-            stream.put( 'x' );
-        expectBuffer( *stream.bufferPtr(), std::string( capacity, 'x' ), capacity );
-    }
-    OBufferStream atOnce;
-    atOnce.write( std::string( 1024, 'z' ).data(), 1024 );
-    expectBuffer( *atOnce.bufferPtr(), std::string( 1024, 'z' ), 1024 );
-}
-
 TEST( OBufferStreamOutput, AgreesWithTheStandardStream )
 {
     const auto fill = []( auto& stream ) {

@@ -212,18 +212,6 @@ TEST_F( EventTest, ConstructionMakesAFifoOrLeavesNothingBehind )
     }
 }
 
-TEST_F( EventTest, RegistrationMissesNoSignalAndIsForNonNamedEvents )
-{
-    a.signal();
-    for ( const Events& events : { Events{ &a }, Events{ &a, &x } } ) {
-        const std::unique_ptr< WaitEventImpl > waitPtr( WaitEventImpl::create( events ) );
-        EXPECT_TRUE( waitPtr->wait( 0 ) ) << "a signal that came first is not lost";
-        EXPECT_FALSE( waitPtr->wait( 0 ) ) << "nor does it wake twice";
-        EXPECT_THROW( x.addWaitEventImpl( waitPtr.get() ), LogicException );
-        EXPECT_THROW( b.removeWaitEventImpl( waitPtr.get() ), LogicException );
-    }
-}
-
 TEST_F( EventTest, DestructionMeetsWaitsAndSignallers )
 {
     const NuvTest::Outcome outcome = NuvTest::runInChild( [] {

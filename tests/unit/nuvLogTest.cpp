@@ -38,24 +38,6 @@ protected:
     Capture myCapture{ "zone" };
 };
 
-TEST( LogKeywords, FlagsAreReadInAnyCaseAndWrittenAgain )
-{
-    const std::pair< const char*, std::uint32_t > cases[] = {
-        { "currenttime,elapsedtime,appname,threadid,zonename,severity", defaultZoneFlags },
-        { "sequencenbr", 0x01 },
-        { "CurrentTime", 0x02 },
-        { "elapsedtime;appname", 0x0C },
-        { " threadid\t", 0x10 },
-        { "zonename+severity", 0x60 },
-        { "zonename zonename nonsense", 0x20 },
-        { "", 0 },
-    };
-    for ( const auto& [textPtr, flags] : cases ) {
-        EXPECT_EQ( flags, zoneFlagsFromText( textPtr ) ) << textPtr;
-        EXPECT_EQ( flags, zoneFlagsFromText( zoneFlagsText( flags ) ) ) << textPtr;
-    }
-}
-
 TEST_F( LogZone, SourceEmitsFromTheThresholdOn )
 {
     SourceSet sources( "zone" );

@@ -5,41 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <pthread.h>
 #include <random>
 #include <string>
 #include <thread>
 
-namespace {
-
-std::atomic< int > ourNbrOfAllocations = 0;
-
-} // namespace
-
-void* operator new( std::size_t size )
-{
-    ++ourNbrOfAllocations;
-    void* const ptr = std::malloc( size );
-    return ptr != nullptr ? ptr : throw std::bad_alloc();
-}
-
-void operator delete( void* ptr ) noexcept
-{
-    std::free( ptr );
-}
-
-void operator delete( void* ptr, std::size_t ) noexcept
-{
-    std::free( ptr );
-}
-
 namespace Nuv::Utils {
 namespace {
-
-using namespace std::string_literals;
 
 std::string refusalOf( const std::string& pattern, unsigned int flags = 0 )
 {
@@ -104,16 +76,6 @@ TEST( RegExSyntax, Refusals )
     }
     EXPECT_EQ( "Invalid [] range", refusalOf( "[Z-a]", RegEx::caseInsensitive ) );
     EXPECT_THROW( RegEx( nullptr ), LogicException );
-}
-
-TEST( RegExProgram, HoldsNodesWithRelativeLinks )
-{
-    EXPECT_EQ( "\6\0\x08\4\0\x0E"
-               "a\0\6\0\x09\x08\0\6ab\0\0\0\0"s,
-               RegEx( "a|ab" ).program().str() );
-    const RegEx trimmed( "(a)[b-d]*" );
-    EXPECT_EQ( trimmed.program().size(), trimmed.program().capacity() );
-    EXPECT_EQ( 1u, trimmed.nbrOfGroups() );
 }
 
 // Each case is "pattern subject match", with '_' for an empty subject.
@@ -197,20 +159,6 @@ TEST( RegExFormat, ReplacesGroupsAndTheMatch )
     EXPECT_THROW( regEx.search( nullptr ), LogicException );
 }
 
-TEST( RegExValue, CopiesShareTheProgram )
-{
-    RegEx regEx( "(a)" );
-    const RegEx copy = regEx;
-    regEx = RegEx( "b", RegEx::caseInsensitive );
-    EXPECT_EQ( "1-2 1-2", matchOf( copy, "ba" ) );
-    EXPECT_EQ( "0-1", matchOf( regEx, "Ba" ) );
-    const RegEx moved = std::move( regEx );
-    EXPECT_EQ( "0-1", matchOf( moved, "B" ) );
-    EXPECT_FALSE( regEx.isValid() ); // NOLINT(bugprone-use-after-move)
-    EXPECT_FALSE( regEx.search( "b" ) );
-    EXPECT_TRUE( regEx.program().empty() );
-}
-
 // --- work ---------------------------------------------------------------------------------------
 
 std::uint64_t stepsOf( const std::string& pattern, const std::string& subject )
@@ -252,27 +200,13 @@ TEST( RegExWork, HostilePatternsStayLinear )
     }
 }
 
-TEST( RegExWork, SearchesAllocateNothingAndSkipWhatCannotBegin )
+TEST( RegExWork, SearchesSkipWhatCannotBegin )
 {
-    const std::string longText = std::string( 100000, 'x' ) + "yab";
-    const std::pair< const char*, std::string > cases[] = {
-        { "^(([^:/?#]+):)?(//([^/?#]*))?([^?#]*)", "http://host/path" },
-        { "(a|ab)(c|bcd)?", "abcd" },
-        { "(a|aa)+b", std::string( 300, 'a' ) },
-        { "(x|xx|y)*b", std::string( 1000, 'x' ) },
-        { "ya", longText },
-        { "y+a", longText },
-        { "(y|z)(a|c)", longText } };
-    for ( const auto& [patternPtr, subject] : cases ) {
+    const std::string subject = std::string( 100000, 'x' ) + "yab";
+    for ( const char* const patternPtr : { "ya", "y+a", "(y|z)(a|c)" } ) {
         for ( const unsigned int flags : { 0, 1 } ) {
-            SCOPED_TRACE( patternPtr );
-            const RegEx regEx( patternPtr, flags );
-            RegEx::SearchResults results;
-            const bool isFound = regEx.search( subject.c_str(), &results );
-            const int before = ourNbrOfAllocations;
-            EXPECT_EQ( isFound, regEx.search( subject.c_str(), &results ) );
-            EXPECT_EQ( before, ourNbrOfAllocations );
-            EXPECT_TRUE( subject != longText || RegEx::lastNbrOfSteps() < 20 );
+            EXPECT_TRUE( RegEx( patternPtr, flags ).search( subject.c_str() ) );
+            EXPECT_LT( RegEx::lastNbrOfSteps(), 20u ) << patternPtr;
         }
     }
 }

@@ -69,21 +69,6 @@ protected:
     const SemaphorePtr myWarmUp = make( "warmUp" ); // the master set exists from here on
 };
 
-TEST_F( SemaphoreTest, SetHasTheDocumentedKeyOwnerModeAndValues )
-{
-    const Semaphore semaphore( "a/b", 7 );
-    EXPECT_EQ( semaphore.fileName(), ipc( "sem_a-b" ) );
-    struct stat fileStatus;
-    ASSERT_EQ( ::stat( semaphore.fileName(), &fileStatus ), 0 );
-    EXPECT_EQ( fileStatus.st_mode & 07777, 0660u );
-    semid_ds status;
-    ASSERT_EQ( ::semget( static_cast< key_t >( fileStatus.st_ino ), 2, 0 ), semaphore.handle() );
-    ASSERT_EQ( ::semctl( semaphore.handle(), 0, IPC_STAT, &status ), 0 );
-    EXPECT_EQ( status.sem_perm.mode & 0777, 0660 );
-    EXPECT_TRUE( status.sem_perm.uid == ::geteuid() && status.sem_perm.gid == ::getegid() );
-    EXPECT_EQ( values( semaphore ), "7/1" );
-}
-
 TEST_F( SemaphoreTest, TimedPeekTriesOnceOrUntilItsTimeHasPassed )
 {
     Semaphore semaphore( "peeked", 0 );

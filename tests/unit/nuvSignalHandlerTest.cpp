@@ -36,18 +36,6 @@ protected:
     void TearDown() override { removeInterprocessObjects(); }
 };
 
-struct Observer : public Utils::Observer< SignalHandler >
-{
-    explicit Observer( bool claims )
-        : myClaims( claims )
-    {
-        SignalHandler::singletonPtr()->attach( this );
-    }
-    void update( SignalHandler& handler ) override { handler.setSignalHandled( myClaims ); }
-
-    const bool myClaims;
-};
-
 std::vector< int > members( const sigset_t& set )
 {
     std::vector< int > signals;
@@ -112,24 +100,6 @@ TEST_F( SignalHandling, CoreDirectoryIsNamedAfterTheProgram )
                 EXPECT_EQ( info.st_mode & 07777, 0770u ) << pathPtr;
             }
             EXPECT_EQ( ::umask( 0 ), 077u );
-        } );
-    }
-}
-
-TEST_F( SignalHandling, DefaultTerminationSetEndsTheProcessUnlessClaimed )
-{
-    for ( const int sig : { 1, 2, 6, 15, 0, 3, 10, 17, 30, 33, 38, 255 } ) { // 33: beyond the mask
-        SCOPED_TRACE( sig );
-        const Outcome outcome = runInChild( [sig] {
-            SignalHandler::sigHandlerRoutine( SIGTERM ); // nobody attached
-            static Observer ignoring( false );
-            SignalHandler::sigHandlerRoutine( sig );
-        } );
-        const bool isInSet = sig == 1 || sig == 2 || sig == 15;
-        EXPECT_EQ( outcome.exitStatus(), sig == SIGABRT ? -1 : isInSet ? 255 : 0 );
-        passInChild( [sig] {
-            static Observer claiming( true );
-            SignalHandler::sigHandlerRoutine( sig );
         } );
     }
 }

@@ -36,17 +36,6 @@ struct Noted : Threadleton
     std::vector< int >* myListPtr;
 };
 
-TEST( LocalStorage, EachThreadHasItsOwnValueOfAKey )
-{
-    const LocalStorageKey key = allocateLocalStorage();
-    ASSERT_NE( key, invalidLocalStorageKey );
-    int mine = 0;
-    tlsValue( key, &mine );
-    std::thread( [&] { EXPECT_EQ( tlsValue( key ), nullptr ); } ).join();
-    EXPECT_EQ( tlsValue( key ), &mine );
-    freeLocalStorage( key );
-}
-
 TEST( ThreadletonLife, WithoutAKeyFirstUseIsAResourceFailureAndTheNextSucceeds )
 {
     for ( int n = 1; n <= 2; ++n ) { // the capabilities' own key, then the manager's

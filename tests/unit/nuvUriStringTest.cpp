@@ -1,6 +1,6 @@
 #include "nuvUriString.h"
 
-#include "nuvTestInterprocess.h"
+#include "nuvTestSupport.h"
 
 #include <string>
 
@@ -59,27 +59,6 @@ TEST( UriStrings, AreTakenApartAndPutTogether )
         EXPECT_TRUE( uri.isValid( &error ) );
         EXPECT_EQ( "", error );
     }
-}
-
-TEST( UriStrings, AreBuiltFromTheirSetters )
-{
-    UriString uri;
-    std::string text = "old";
-    EXPECT_FALSE( uri.getAuthorityStr( &text ) );
-    EXPECT_EQ( "", text );
-    uri.user( "u" );
-    uri.host( "h" );
-    uri.hostPort( "1" );
-    EXPECT_TRUE( uri.getAuthorityStr( &text ) );
-    EXPECT_EQ( "u@h:1", text );
-    EXPECT_EQ( "u@h:1", built( uri ) );
-    uri.scheme( "s" );
-    uri.path( "p" );
-    uri.query( "q" );
-    EXPECT_EQ( "s://u@h:1/p?q", built( uri ) );
-    uri.assign( uri.path().c_str(), &text );
-    EXPECT_EQ( "", built( uri ) );
-    NuvTest::expectFailure( "textPtr != NULL", [&] { uri.host( nullptr ); } );
 }
 
 TEST( UriStrings, SplitPathsAtTheLastSlash )

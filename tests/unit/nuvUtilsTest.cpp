@@ -12,15 +12,6 @@
 namespace Nuv::Utils {
 namespace {
 
-TEST( StaticMapFind, ReturnsTheEndForWhatIsMissing )
-{
-    static constexpr StaticMap< const char*, int >::Pair pairs[] = { { "b", 2 }, { "dd", 44 } };
-    constexpr StaticMap< const char*, int > map( pairs );
-    static_assert( map.isSorted() && map.find( "dd" )->value == 44 );
-    for ( const std::string key : { "", "a", "bb", "d", "ddd", "\x80" } )
-        EXPECT_EQ( map.end(), map.find( key ) ) << key;
-}
-
 // Each alive holds a share of the count.
 struct Counted
 {
@@ -47,17 +38,6 @@ TEST( CountedPtrOwnership, LastOwnerDeletesTheObjectOnceAssignedInAnyOrder )
     listPtr.dispose();
     EXPECT_EQ( 1, count.use_count() );
     EXPECT_THROW( *listPtr, LogicException );
-}
-
-TEST( PtrOwnership, StoringDeletesWhatWasHeld )
-{
-    const auto count = std::make_shared< int >();
-    Ptr< Counted > ptr( new Counted{ count } );
-    ptr = new Counted{ count };
-    ptr.reset( ptr.get() );
-    EXPECT_EQ( 1 + 1, count.use_count() );
-    const Ptr< Counted > other( std::move( ptr ) );
-    EXPECT_THROW( *ptr, LogicException ); // NOLINT: moved-from is defined as null
 }
 
 TEST( HandleOwnership, ClosesOnceAndKeepsErrno )

@@ -70,38 +70,20 @@ void client( const std::string& what, const char* namePtr, std::size_t size, int
     }
     if ( what == "rounds" )
         return;
-    Mt::Semaphore server( std::string( "pipe_SrvrConnect_" ) + namePtr, 0 );
-    Mt::Semaphore clients( std::string( "pipe_ClntConnect_" ) + namePtr, 0 );
-    if ( what == "clientDiesAfterPost" || what == "clientDiesAfterOpen" ) {
-        expect( server.peek( timeoutMs ) );
-        clients.post();
-        while ( what == "clientDiesAfterOpen" &&
-                ::open( pipe.outPipeName().c_str(), O_WRONLY | O_NONBLOCK ) < 0 ) {
-            ::usleep( 500 );
-        }
-        die();
-    }
     pipe.connect( timeoutMs, false );
-    if ( what == "clientDiesInFrame" )
-        writeHalfAFrame( pipe.outPipeName() );
-    die(); // clientDiesConnected too
+    writeHalfAFrame( pipe.outPipeName() ); // clientDiesInFrame
+    die();
 }
 
-[[noreturn]] void server( const std::string& what, const char* namePtr )
+[[noreturn]] void dieInAnswer( const char* namePtr )
 {
     Io::ServerPipe pipe( namePtr );
     std::cout << "made" << std::endl;
-    if ( what == "serverDiesAfterPost" ) {
-        Mt::Semaphore( std::string( "pipe_SrvrConnect_" ) + namePtr, 0 ).post();
-        die();
-    }
     pipe.connect();
-    if ( what == "serverDiesInAnswer" ) {
-        Utils::Buffer message;
-        pipe.readMsg( &message );
-        writeHalfAFrame( pipe.outPipeName() );
-    }
-    die(); // serverDiesConnected too
+    Utils::Buffer message;
+    pipe.readMsg( &message );
+    writeHalfAFrame( pipe.outPipeName() );
+    die();
 }
 
 } // namespace
@@ -112,8 +94,8 @@ int main( int argc, char** argv )
         return 2;
     const std::string what = argv[1];
     try {
-        if ( what.rfind( "serve", 0 ) == 0 )
-            server( what, argv[2] );
+        if ( what == "serverDiesInAnswer" )
+            dieInAnswer( argv[2] );
         client( what, argv[2], std::strtoul( argv[3], nullptr, 10 ), std::atoi( argv[4] ) );
         return 0;
     } catch ( const RuntimeException& exception ) {
