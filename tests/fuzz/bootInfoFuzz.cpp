@@ -2,10 +2,9 @@
 // that reads true.
 
 #include "nuvConfig.h"
+#include "nuvFuzz.h"
 #include "nuvGlobal.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <sstream>
 
 using Nuv::Utils::Config;
@@ -13,21 +12,16 @@ using Nuv::Utils::PlatformFacts;
 
 extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t nbrOfBytes )
 {
-    std::istringstream stream(
-        std::string( reinterpret_cast< const char* >( dataPtr ), nbrOfBytes ) );
+    std::istringstream stream( NuvFuzz::text( dataPtr, nbrOfBytes ) );
     const Config config( stream );
     const PlatformFacts facts = PlatformFacts::of( config );
-    if ( facts.model.empty() && !facts.capabilities.empty() )
-        std::abort();
+    NuvFuzz::require( !facts.model.empty() || facts.capabilities.empty() );
     std::size_t nbrOfTrue = 0;
     const std::string section = facts.model + "/Capabilities";
     for ( auto iter = config.tspBegin( section ); iter != config.tspEnd( section ); ++iter )
         nbrOfTrue += config.boolValue( section, iter->first, false ) ? 1 : 0;
-    if ( !facts.model.empty() && nbrOfTrue != facts.capabilities.size() )
-        std::abort();
-    for ( const std::string& name : facts.capabilities ) {
-        if ( !config.boolValue( section, name, false ) )
-            std::abort();
-    }
+    NuvFuzz::require( facts.model.empty() || nbrOfTrue == facts.capabilities.size() );
+    for ( const std::string& name : facts.capabilities )
+        NuvFuzz::require( config.boolValue( section, name, false ) );
     return 0;
 }

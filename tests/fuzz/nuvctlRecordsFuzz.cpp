@@ -1,10 +1,8 @@
 // Bytes of any content as a shared record: every field lies within them, and what is shown of the
 // parts in use is part of what is shown of all.
 
+#include "nuvFuzz.h"
 #include "nuvctlRecords.h"
-
-#include <cstdint>
-#include <cstdlib>
 
 using Nuv::Ctl::RecordField;
 using Nuv::Ctl::RecordFields;
@@ -17,13 +15,12 @@ void check( std::string bytes, std::size_t nbrOfBytes )
     bytes.resize( nbrOfBytes );
     const RecordFields used = RecordFields::of( bytes, false );
     const RecordFields all = RecordFields::of( bytes, true );
-    if ( used.myKind != all.myKind || used.myFields.size() > all.myFields.size() )
-        std::abort();
+    NuvFuzz::require( used.myKind == all.myKind && used.myFields.size() <= all.myFields.size() );
     for ( const RecordField& field : all.myFields ) {
         // A ring's entry may go on at the ring's begin.
-        if ( field.myNbrOfBytes == 0 || field.myOffset >= nbrOfBytes ||
-             ( all.myKind != "ring" && field.myOffset + field.myNbrOfBytes > nbrOfBytes ) )
-            std::abort();
+        NuvFuzz::require(
+            field.myNbrOfBytes != 0 && field.myOffset < nbrOfBytes &&
+            ( all.myKind == "ring" || field.myOffset + field.myNbrOfBytes <= nbrOfBytes ) );
     }
 }
 
@@ -31,7 +28,7 @@ void check( std::string bytes, std::size_t nbrOfBytes )
 
 extern "C" int LLVMFuzzerTestOneInput( const std::uint8_t* dataPtr, std::size_t nbrOfBytes )
 {
-    const std::string bytes( reinterpret_cast< const char* >( dataPtr ), nbrOfBytes );
+    const std::string bytes = NuvFuzz::text( dataPtr, nbrOfBytes );
     for ( const std::size_t size : { nbrOfBytes, std::size_t{ 6044 }, std::size_t{ 8804 } } )
         check( bytes, size );
     std::string data( 30156, '\0' ); // the health records, and the length of the key store

@@ -3,24 +3,17 @@
 //
 // The first two bytes of the input are the limit.
 
+#include "nuvFuzz.h"
 #include "nuvLogFile.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <unistd.h>
 
 using namespace Nuv;
+using NuvFuzz::require;
 
 namespace {
-
-void require( bool condition )
-{
-    if ( !condition )
-        std::abort();
-}
 
 // In memory, for each process of a fuzz run its own.
 const std::string ourPathname = "/dev/shm/wrapFileFuzz." + std::to_string( ::getpid() );
@@ -68,9 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput( const uint8_t* dataPtr, size_t nbrOfBytes
     if ( nbrOfBytes < 2 )
         return 0;
     const std::uint64_t maxSize = dataPtr[0] + dataPtr[1] * 256u;
-    std::ofstream( ourPathname, std::ios::binary )
-        .write( reinterpret_cast< const char* >( dataPtr ) + 2,
-                static_cast< std::streamsize >( nbrOfBytes - 2 ) );
+    std::ofstream( ourPathname, std::ios::binary ) << NuvFuzz::text( dataPtr + 2, nbrOfBytes - 2 );
     Log::LogFileReader reader( ourPathname, maxSize );
     readAll( reader );
     writeAndRead( maxSize );

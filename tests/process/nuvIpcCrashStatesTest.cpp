@@ -39,8 +39,6 @@ std::string ipcDirectory()
     return NuvTest::RootFixture::root( "ixoRoot/tmp/ipc" );
 }
 
-// --- texts --------------------------------------------------------------------------------------
-
 std::string join( const std::vector< std::string >& texts, const char* separatorPtr )
 {
     std::string all;
@@ -173,8 +171,6 @@ std::string findingText( const Finding& finding )
            std::regex_replace( finding.myObject + " " + found, process, "$1 N" );
 }
 
-// --- the tables ---------------------------------------------------------------------------------
-
 /// Steps in a row before which a kill has one outcome.
 struct Row
 {
@@ -274,8 +270,6 @@ std::string tableText( const std::string& title, const Rows& rows )
     }
     return text.str();
 }
-
-// --- the processes ------------------------------------------------------------------------------
 
 void begin()
 {
@@ -388,8 +382,6 @@ void serverPeer()
         end( "goes on waiting for a client" );
     end( !connected.empty() ? connected : outcomeOf( [] { serve( &pipe ); }, "has answered" ) );
 }
-
-// --- commits ------------------------------------------------------------------------------------
 
 /// Lets a process commit instruction by instruction, up to the middle of its copy.
 template < class Setter >

@@ -142,7 +142,7 @@ TEST_F( Pipes, ClientWithoutAServerTimesOut )
     next.expectSuccess();
 }
 
-// At every other step scripts/crash-states kills them.
+// At every other step nuvIpcCrashStatesTest kills them.
 TEST_F( Pipes, ServerOutlivesAClientThatIsKilledInAFrame )
 {
     CtConfig::handshakeTimeoutMs = 300;

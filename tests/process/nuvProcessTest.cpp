@@ -19,7 +19,6 @@ namespace {
 NuvTest::Fault ourPipeFault, ourCloneFault;
 }
 
-// NOLINTBEGIN: the linker gives these names
 NUV_FAIL_CALLS( ourPipeFault, -1, int, pipe2, ( int* fdsPtr, int flags ), ( fdsPtr, flags ) )
 NUV_FAIL_CALLS( ourCloneFault, -1, int, clone,
                 ( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* ptr ),
@@ -29,7 +28,6 @@ NUV_FAIL_CALLS( ourCloneFault, -1, int, __clone,
                 ( int ( *functionPtr )( void* ), void* stackPtr, int flags, void* ptr ),
                 ( functionPtr, stackPtr, flags, ptr ) )
 #endif
-// NOLINTEND
 
 namespace Nuv::Mt {
 namespace {

@@ -1,5 +1,6 @@
 #include "nuvLogFile.h"
 #include "nuvToolFixture.h"
+#include "nuvlogdCollector.h"
 
 #include <csignal>
 #include <deque>
@@ -11,6 +12,7 @@
 namespace {
 
 using namespace NuvTest;
+using Nuv::LogApp::LossAccount;
 
 class Nuvlogd : public ToolFixture
 {
@@ -196,4 +198,21 @@ TEST_F( Nuvlogd, SuccessorOfAKilledOneLosesNothingAndRepairLeavesNothing )
     EXPECT_EQ( linesWith( ", 0 lost" ).size(), 3u ); // twice started, once stopped
     for ( const Nuv::Tools::Segment& segment : Nuv::Tools::readSegments() )
         EXPECT_EQ( segment.mySize, 8804u ) << "left: segment " << segment.myId;
+}
+
+TEST( LossAccount, CountsWhatWasAnnouncedAndNotRead )
+{
+    const std::tuple< std::uint64_t, std::uint64_t, bool, std::uint64_t > steps[] = {
+        { 0, 7, true, 0 },    // a reader before this one took the signals
+        { 5, 12, true, 0 },   // as many read as announced
+        { 5, 15, false, 0 },  // read ahead of the signals
+        { 8, 15, true, 0 },   // the signals come after
+        { 20, 24, false, 3 }, // three lost, for sure
+        { 30, 32, true, 2 },  // two more
+        { 31, 33, true, 0 },  // no line twice
+    };
+    LossAccount account;
+    for ( const auto& [announced, read, isExact, nbrNew] : steps )
+        EXPECT_EQ( account.update( announced, read, isExact ), nbrNew ) << announced;
+    EXPECT_EQ( account.nbrLost(), 5u );
 }

@@ -19,8 +19,6 @@ std::size_t nbrOf( const std::string& sought, const std::string& text )
 
 } // namespace
 
-// -------- main task
-
 TEST_F( ProcessFrame, ResultOfNuvMainIsTheExitStatus )
 {
     const std::pair< const char*, int > cases[] = {
@@ -69,8 +67,6 @@ TEST_F( ProcessFrame, ProgramWithoutNuvMainLinksAndAssertsAtItsStart )
     EXPECT_EQ( nbrOf( "Condition failed: Nuv::main != NULL", readFile( path( "log/main.log" ) ) ),
                1u );
 }
-
-// -------- signals
 
 TEST_F( ProcessFrame, TerminationSignalEndsOnlyWhereAnObserverLeavesIt )
 {
@@ -129,8 +125,6 @@ TEST_F( ProcessFrame, InterruptionsOfABlockedThreadAreNeverLost )
     child.closeInput();
     EXPECT_EQ( child.wait().exitStatus(), 7 );
 }
-
-// -------- forks
 
 TEST_F( ProcessFrame, ForkedChildEndsWithWhatItSaidAndNothingOfTheParent )
 {

@@ -19,7 +19,6 @@ std::atomic< int > ourNbrOfPolls = 0, ourNbrOfReads = 0, ourNbrOfPipes = 0, ourN
 thread_local int ourNbrOfAllocations = 0;
 } // namespace
 
-// NOLINTBEGIN: the linker gives these names
 NUV_FAIL_CALLS( ourFault, -1, int, NUV_OFF64( open ), ( const char* p, int flags, mode_t mode ),
                 ( p, flags, mode ) )
 NUV_FAIL_CALLS( ourFault, -1, int, mkfifo, ( const char* p, mode_t mode ), ( p, mode ) )
@@ -33,7 +32,6 @@ NUV_WRAP_REAL( ssize_t, write, ( int fd, const void* ptr, size_t count ), ++ourN
                NUV_REAL( write )( fd, ptr, count ) )
 NUV_WRAP_REAL( void*, NUV_SIZED( _Znw ), ( size_t n ), ++ourNbrOfAllocations,
                NUV_REAL( NUV_SIZED( _Znw ) )( n ) )
-// NOLINTEND
 
 namespace Nuv::Mt {
 namespace {

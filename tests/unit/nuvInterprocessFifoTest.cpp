@@ -15,8 +15,8 @@ namespace {
 thread_local int ourNbrOfAllocations = 0;
 }
 
-NUV_WRAP_REAL( void*, NUV_SIZED( _Zna ), ( size_t n ), // NOLINT: the linker gives these names
-               ++ourNbrOfAllocations, NUV_REAL( NUV_SIZED( _Zna ) )( n ) )
+NUV_WRAP_REAL( void*, NUV_SIZED( _Zna ), ( size_t n ), ++ourNbrOfAllocations,
+               NUV_REAL( NUV_SIZED( _Zna ) )( n ) )
 
 namespace Nuv::Io {
 namespace {

@@ -11,8 +11,8 @@ namespace {
 NuvTest::Fault ourFault;
 }
 
-NUV_FAIL_CALLS( ourFault, errno, int, pthread_mutex_init, // NOLINT: the linker gives these names
-                ( pthread_mutex_t* ptr, const pthread_mutexattr_t* attrPtr ), ( ptr, attrPtr ) )
+NUV_FAIL_CALLS( ourFault, errno, int, pthread_mutex_init,
+                ( pthread_mutex_t * ptr, const pthread_mutexattr_t* attrPtr ), ( ptr, attrPtr ) )
 
 namespace Nuv::Mt {
 namespace {

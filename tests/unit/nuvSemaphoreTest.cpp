@@ -22,7 +22,6 @@ unsigned int ourSecondsSlept = 0;
 std::function< void() > ourOnUsleep = [] {};
 } // namespace
 
-// NOLINTBEGIN: the linker gives these names
 NUV_FAIL_CALLS( ourFault, -1, int, semget, ( key_t k, int n, int flags ), ( k, n, flags ) )
 NUV_FAIL_CALLS( command == IPC_RMID ? ourRemovalFault : ourFault, -1, int, NUV_CTL64( semctl ),
                 ( int handle, int idx, int command, void* ptr ), ( handle, idx, command, ptr ) )
@@ -32,7 +31,6 @@ NUV_FAIL_CALLS( ourFault, -1, int, NUV_OFF64( open ), ( const char* p, int flags
                 ( p, flags, mode ) )
 NUV_WRAP( unsigned int, sleep, ( unsigned int seconds ), ourSecondsSlept += seconds, 0 )
 NUV_WRAP( int, usleep, ( useconds_t ), ourOnUsleep(), 0 )
-// NOLINTEND
 
 namespace Nuv::Mt {
 namespace {

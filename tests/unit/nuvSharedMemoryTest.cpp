@@ -15,13 +15,11 @@ namespace {
 NuvTest::Fault ourFault; // in any call that makes a segment
 }
 
-// NOLINTBEGIN: the linker gives these names
 NUV_FAIL_CALLS( ourFault, -1, int, shmget, ( key_t k, size_t size, int flags ), ( k, size, flags ) )
 NUV_FAIL_CALLS( ourFault, reinterpret_cast< void* >( -1 ), void*, shmat,
                 ( int id, const void* ptr, int flags ), ( id, ptr, flags ) )
 NUV_FAIL_CALLS( ourFault, -1, int, NUV_CTL64( shmctl ), ( int id, int command, shmid_ds* ptr ),
                 ( id, command, ptr ) )
-// NOLINTEND
 
 namespace Nuv::Io {
 namespace {

@@ -17,12 +17,10 @@ NuvTest::Fault ourFault;
 std::size_t ourGreatestTransfer = SIZE_MAX; // bytes that one call moves
 } // namespace
 
-// NOLINTBEGIN: the linker gives these names
 NUV_FAIL_CALLS( ourFault, -1, ssize_t, write, ( int fd, const void* ptr, size_t count ),
                 ( fd, ptr, std::min( count, ourGreatestTransfer ) ) )
 NUV_FAIL_CALLS( ourFault, -1, ssize_t, read, ( int fd, void* ptr, size_t count ),
                 ( fd, ptr, std::min( count, ourGreatestTransfer ) ) )
-// NOLINTEND
 
 namespace Nuv::Io {
 namespace {
