@@ -2,7 +2,6 @@
 
 #include "nuvTestSupport.h"
 
-#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 

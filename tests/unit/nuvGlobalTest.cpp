@@ -4,7 +4,6 @@
 #include "nuvTestSupport.h"
 
 #include <cstdlib>
-#include <gtest/gtest.h>
 
 namespace Nuv::Utils {
 namespace {

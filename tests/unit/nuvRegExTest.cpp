@@ -216,6 +216,7 @@ TEST( RegExWork, SearchesAllocateNothingAndSkipWhatCannotBegin )
         RegEx::SearchResults results;
         const bool isFound = regEx.search( subject.c_str(), &results );
         const int before = ourNbrOfAllocations;
+        EXPECT_GT( before, 0 ) << "the calls are not intercepted";
         EXPECT_EQ( isFound, regEx.search( subject.c_str(), &results ) );
         EXPECT_EQ( before, ourNbrOfAllocations ) << patternPtr;
         EXPECT_TRUE( subject != longText || RegEx::lastNbrOfSteps() < 20 ) << patternPtr;

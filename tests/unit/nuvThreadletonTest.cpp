@@ -5,7 +5,6 @@
 #include "nuvTestWrap.h"
 
 #include <cerrno>
-#include <gtest/gtest.h>
 #include <thread>
 #include <utility>
 
