@@ -180,9 +180,9 @@ void fetch( const GetOptions& options, const Target& target, Connection* connect
             if ( nbrOfFailures == 0 ) {
                 requestPtr->issue( target.myPath.c_str(), outputPtr );
             } else {
-                Connection next = connectTo( target, options.myTimeoutSec );
-                requestPtr->resume( next.get(), outputPtr );
-                *connectionPtr = std::move( next );
+                Connection other = connectTo( target, options.myTimeoutSec );
+                std::swap( other, *connectionPtr ); // the request still knows the former one
+                requestPtr->resume( connectionPtr->get(), outputPtr );
             }
             return;
         } catch ( const Net::Http::Exception& e ) {
