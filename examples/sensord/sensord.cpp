@@ -6,11 +6,13 @@
 //     SIGUSR1           every sampler reports at warning
 //
 // With --control it is the appliance's sensor: it answers control messages through the server pipe
-// "sensord", commits the sensor's health record, and feeds a helper program.
+// "sensord", commits the sensor's health record, feeds a helper program, and fetches its rules from
+// a web server.
 
 #include "control.h"
 #include "health.h"
 #include "helper.h"
+#include "rules.h"
 #include "sensors.h"
 
 #include <nuvGlobal.h>
@@ -103,6 +105,8 @@ public:
 
     /// Feeds the helper and commits the health record.
     void update();
+    /// The settings have changed.
+    void reload() { myRules.reload(); }
     /// The last commit.
     void end() { commit( HealthAndSecurity::stateStopped, "stopped" ); }
 
@@ -118,7 +122,8 @@ private:
     Sensor::Health myHealth;
     Sensor::Helper myHelper;
     Utils::Scheduler mySummary; // has the samplers report four times a day
-    Sensor::Control myControl;  // the last: its thread uses the others
+    Sensor::Rules myRules;
+    Sensor::Control myControl; // the last: its thread uses the others
 };
 
 Station::Station( const Sensor::Settings& settings, std::function< void() > report )
@@ -136,6 +141,7 @@ Station::Station( const Sensor::Settings& settings, std::function< void() > repo
     myControl.add( "model", platformText );
     myControl.add( "counters", [this] { return myHealth.counters(); } );
     myControl.add( "averages", [this] { return myHelper.averages(); } );
+    myControl.add( "rules", [this] { return myRules.status(); } );
     myControl.add( "schedule", [this] {
         return mySummary.showSchedule() + "\n" + mySummary.showSecondsUntilNextCallback() + "\n";
     } );
@@ -147,6 +153,7 @@ Station::Station( const Sensor::Settings& settings, std::function< void() > repo
         report();
         return "the samplers report to the log\n";
     } );
+    myRules.start();
     myControl.start();
 }
 
@@ -190,6 +197,8 @@ void obey( Signals* signalsPtr, Sensor::Settings* settingsPtr, Station* stationP
             report();
         if ( request == Signals::reload ) {
             loadSettings( settingsPtr );
+            if ( stationPtr != nullptr )
+                stationPtr->reload();
             nuvLogTo( source ) << "settings read again, a sample every "
                                << settingsPtr->myIntervalMs << " ms";
         }
@@ -252,7 +261,7 @@ int main( int argc, char** argv )
     app.add_option( "--interval-ms", ourIntervalMs, "Pause between samples (else as configured)" )
         ->check( CLI::Range( 10u, 3600000u ) );
     app.add_flag( "--control", ourHasControl,
-                  "Be the sensor: server pipe \"sensord\", health record, helper program" );
+                  "Be the sensor: server pipe \"sensord\", health record, helper program, rules" );
     app.add_flag( "--crash", ourIsCrashing,
                   "Crash in one of the first samples, to show the crash report" );
     try {
