@@ -25,30 +25,35 @@ protected:
 TEST_F( NuvctlHttp, FetchesAndGoesOnWhereItWasBrokenOff )
 {
     const std::string file = root( "fetched" );
-    ScriptedServer server( { []( const Peer& peer ) {
-                                peer.readRequest();
-                                peer.send( ok + "Content-Length: 10\r\n\r\nhello" );
-                            },
-                             []( const Peer& peer ) {
-                                 peer.readRequest();
-                                 peer.send( "HTTP/1.1 206 P\r\nContent-Length: 5\r\n\r\nworld" );
-                                 peer.stall();
-                             },
-                             []( const Peer& peer ) {
-                                 peer.readRequest();
-                                 peer.send(
-                                     "HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno" );
-                             },
-                             []( const Peer& peer ) {
-                                 peer.readRequest();
-                                 peer.send( ok + "Content-Length: 4\r\n\r\nbody" );
-                             } } );
+    ScriptedServer server(
+        { []( const Peer& peer ) {
+             peer.readRequest();
+             peer.send( ok + "Content-Length: 10\r\n\r\nhello" );
+         },
+          []( const Peer& peer ) {
+              peer.readRequest();
+              peer.send( "HTTP/1.1 206 P\r\nETag: a\r\nContent-Length: 5\r\n\r\nwo" );
+          },
+          []( const Peer& peer ) {
+              peer.readRequest();
+              peer.send( "HTTP/1.1 206 P\r\nContent-Length: 3\r\n\r\nrld" );
+              peer.stall();
+          },
+          []( const Peer& peer ) {
+              peer.readRequest();
+              peer.send( "HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno" );
+          },
+          []( const Peer& peer ) {
+              peer.readRequest();
+              peer.send( ok + "Content-Length: 4\r\n\r\nbody" );
+          } } );
     const Outcome resumed = nuvctl( { "get", uriOf( server, "/f?q" ), "-o", file, "--resume" } );
     EXPECT_EQ( 0, resumed.exitStatus() ) << resumed.errors;
     EXPECT_EQ( "helloworld", NuvTest::readFile( file ) );
     EXPECT_NE( std::string::npos, resumed.errors.find( "broken off after 5 bytes" ) );
     EXPECT_EQ( 0, server.requests()[0].find( "GET /f?q HTTP/1.1\r\nHost: 127.0.0.1:" ) );
     EXPECT_NE( std::string::npos, server.requests()[1].find( "Range: bytes=5-" ) );
+    EXPECT_NE( std::string::npos, server.requests()[2].find( "Range: bytes=7-" ) );
     const Outcome missing = nuvctl( { "get", uriOf( server, "/g" ), "-o", file } );
     EXPECT_EQ( 1, missing.exitStatus() );
     EXPECT_EQ( "nuvctl: the server answered 404 Not Found\n", missing.errors );
