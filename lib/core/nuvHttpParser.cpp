@@ -109,6 +109,14 @@ void HttpParserHelper::parseCharBeforeValue( char c )
     }
 }
 
+void HttpParserHelper::parseChars( std::string_view chars )
+{
+    std::size_t i = 0;
+    for ( ; i < chars.size() && myCharState != inValue; ++i )
+        parseCharBeforeValue( chars[i] );
+    myValue.append( chars.substr( i ) );
+}
+
 // ------------------------------------------------------------------------------- header blocks
 
 namespace {
@@ -148,6 +156,7 @@ private:
     };
 
     LineState readLine();
+    int readRun( std::size_t* nbrOfLeftPtr );
     LineState nextState( LineState state, char c );
     LineState insideLine( char c, LineState stateAfterCr );
     void store( HeaderMap* headerMapPtr );
@@ -191,7 +200,8 @@ HeaderReader::LineState HeaderReader::readLine()
     LineState state = atStart;
     std::size_t nbrOfLeft =
         std::min( myLimits.maxLineSize, myLimits.maxBlockSize - myNbrOfBlockBytes );
-    for ( int c = myStreamBuf.sgetc(); c != endOfFile; c = myStreamBuf.snextc() ) {
+    for ( int c = myStreamBuf.sgetc(); c != endOfFile;
+          c = state == inside ? readRun( &nbrOfLeft ) : myStreamBuf.snextc() ) {
         if ( state == afterLineEnd && c != ' ' && c != '\t' )
             return endOfLine;
         if ( nbrOfLeft-- == 0 )
@@ -206,6 +216,26 @@ HeaderReader::LineState HeaderReader::readLine()
         }
     }
     return endOfStream;
+}
+
+/// Leaves a byte that is inside a line, and takes those after it up to a control byte in one go.
+/// @return the byte to go on with
+int HeaderReader::readRun( std::size_t* nbrOfLeftPtr )
+{
+    char run[128];
+    std::size_t size = 0;
+    const std::size_t maxSize = std::min( sizeof( run ), *nbrOfLeftPtr );
+    int c = myStreamBuf.snextc();
+    while ( size < maxSize && c != endOfFile && ( flagsOf( c ) & charControl ) == 0 ) {
+        run[size++] = static_cast< char >( c );
+        c = myStreamBuf.snextc();
+    }
+    *nbrOfLeftPtr -= size;
+    myNbrOfBlockBytes += size;
+    myHelper.parseChars( { run, size } );
+    if ( myKeepsRaw )
+        myRaw.append( run, size );
+    return c;
 }
 
 HeaderReader::LineState HeaderReader::nextState( LineState state, char c )

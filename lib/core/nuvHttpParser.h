@@ -8,6 +8,7 @@
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace Nuv::Net::Http {
 
@@ -70,6 +71,8 @@ public:
         else
             parseCharBeforeValue( c );
     }
+    /// Does what parseChar() does with each.
+    void parseChars( std::string_view chars );
     int charState() const { return myCharState; }
     const std::string& name() const { return myName; }
     const std::string& value() const { return myValue; }
