@@ -632,8 +632,9 @@ int UdpSocket::sendTo( const IpAddress& address, const void* bufferPtr, int leng
     errno = EINVAL;
     if ( length >= 0 ) {
         do {
-            result = ::sendto( socketFd(), bufferPtr, static_cast< std::size_t >( length ), flags,
-                               address, static_cast< socklen_t >( address.length() ) );
+            result = ::sendto( socketFd(), bufferPtr, static_cast< std::size_t >( length ),
+                               flags | MSG_NOSIGNAL, address,
+                               static_cast< socklen_t >( address.length() ) );
         } while ( result == -1 && errno == EINTR && !isClosing() );
     }
     if ( result == -1 )
