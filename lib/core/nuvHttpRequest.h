@@ -66,13 +66,12 @@ private:
 ///
 /// Threads: request, connection and response belong to one thread at a time.
 /// Errors:  Http::Exception. connectionFailed with the socket's error number for all failures of
-/// the
-///          connection, time-outs (0) included; sendFailed and receiveFailed with the number of the
-///          step: 212 no status line, 217 status line above 1023 bytes, 501 version, 509 status,
-///          518 no reason, 266 not the part that was asked for, 300 part does not fit the body, 325
-///          content shorter or longer than its length or not to be written, 337 and 344 content
-///          without end, 409 chunk size, 431 chunk, 463 and 470 line end, 586 nothing to resume,
-///          635 body not taken.
+///          the connection, time-outs (0) included; sendFailed and receiveFailed with the number
+///          of the step: 212 no status line, 217 status line above 1023 bytes, 501 version, 509
+///          status, 518 no reason, 266 not the part that was asked for, 300 part does not fit the
+///          body, 325 content shorter or longer than its length or not to be written, 337 and 344
+///          content without end, 409 chunk size, 431 chunk, 463 and 470 line end, 586 nothing to
+///          resume, 635 body not taken.
 /// Owns:    the response; the connection is borrowed.
 /// Cost:    a small exchange takes one send and one receive.
 /// Example: HttpGetRequest get( connectionPtr ); get.stopAtContentLength( true );
