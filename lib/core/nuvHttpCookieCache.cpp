@@ -5,6 +5,7 @@
 #include "nuvSingleton.h"
 
 #include <cstring>
+#include <vector>
 
 namespace Nuv::Net {
 
@@ -195,8 +196,13 @@ void HttpCookieCache::removeCookie( const char* hostAddressPtr, const char* cook
     nuvAssert( hostAddressPtr != NULL );
     nuvAssert( cookieNamePtr != NULL );
     nuvAssert( uriPathPtr != NULL );
-    const Mt::MutexLock lock( myMutex );
-    if ( !myCache.eraseKey( CookieCacheKeyView{ hostAddressPtr, uriPathPtr, cookieNamePtr } ) )
+    bool isFound = false;
+    {
+        const Mt::MutexLock lock( myMutex );
+        isFound =
+            myCache.eraseKey( CookieCacheKeyView{ hostAddressPtr, uriPathPtr, cookieNamePtr } );
+    }
+    if ( !isFound )
         nuvLogTo( getStandardSource( debug ) )
             << "HttpCookieCache::removeCookie failed to find cookie with host " << hostAddressPtr
             << ", name " << cookieNamePtr << ", URI path " << uriPathPtr;
@@ -212,15 +218,19 @@ void HttpCookieCache::clearCookies( const char* hostAddressPtr )
 
 void HttpCookieCache::dumpHostsCookies( const char* hostAddressPtr )
 {
-    const Mt::MutexLock lock( myMutex );
+    std::vector< CookieInfoPtr > cookies;
+    {
+        const Mt::MutexLock lock( myMutex );
+        for ( auto i = firstOf( hostAddressPtr ); isOf( i, hostAddressPtr ); ++i )
+            cookies.push_back( CookieCache::value( i ) );
+    }
     if ( hostAddressPtr == nullptr )
         nuvLogTo( getStandardSource( debug ) ) << "Dumping the contents of all cached cookies";
     else
         nuvLogTo( getStandardSource( debug ) )
             << "Dumping the contents of cached cookies from host: " << hostAddressPtr;
-    for ( auto i = firstOf( hostAddressPtr ); isOf( i, hostAddressPtr ); ++i ) {
-        CookieCache::value( i )->dumpDebugInfo();
-    }
+    for ( const CookieInfoPtr& cookiePtr : cookies )
+        cookiePtr->dumpDebugInfo();
 }
 
 std::size_t HttpCookieCache::nbrOfCookies() const

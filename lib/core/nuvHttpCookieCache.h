@@ -145,7 +145,8 @@ private:
     CookieCache::iterator firstOf( const char* hostAddressPtr ) NUV_REQUIRES( myMutex );
     bool isOf( CookieCache::iterator i, const char* hostAddressPtr ) NUV_REQUIRES( myMutex );
 
-    mutable Mt::Mutex myMutex; // leaf, but for logging
+    // A leaf: nothing is logged under it, as an HTTP drain takes it under the drain's own.
+    mutable Mt::Mutex myMutex;
     CookieCache myCache NUV_GUARDED_BY( myMutex );
 };
 

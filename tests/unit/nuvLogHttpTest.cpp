@@ -1,4 +1,5 @@
 #include "nuvLogHttp.h"
+#include "nuvHttpCookieCache.h"
 #include "nuvLogDrain.h"
 
 #include "nuvTestHttp.h"
@@ -51,6 +52,26 @@ std::uint32_t countOf( const DrainName& name )
 }
 
 } // namespace
+
+// Comes first: the zones are bound once for all tests. Posting takes the cookie cache's mutex under
+// the drain's, so no other order may be: here the server takes it while it has not answered.
+TEST_F( LogHttp, TakesWhatTheCookieCacheLogs )
+{
+    Net::HttpCookieCache& cache = *Net::HttpCookieCache::singletonPtr();
+    ScriptedServer server( { [&cache]( const Peer& peer ) {
+        while ( peer.readRequest() && cache.nbrOfCookies() == 1 )
+            peer.send( ok );
+    } } );
+    NuvTest::writeFile( root( "ixoRoot/etc/log.conf" ),
+                        "[zone/Nuv]\nseverity = debug\ndrain = web\n[drain/web]\ntype = http\n"
+                        "remoteAddr = 127.0.0.1\nremotePort = " +
+                            std::to_string( server.address().port() ) + "\n" );
+    cache.cacheCookie( "h", "a=1; path=/p;" );
+    cache.dumpHostsCookies( "h" );
+    cache.removeCookie( "h", "b", "/p" );
+    EXPECT_EQ( 3u, server.requests().size() ) << "each message once";
+    const_cast< Zone& >( getStandardSource( debug ).zone() ).severity( error );
+}
 
 TEST_F( LogHttp, PostsEachMessageOnOneConnection )
 {
