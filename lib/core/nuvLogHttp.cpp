@@ -47,6 +47,9 @@ bool HttpPoster::post( Severity severity, const Utils::Buffer& message, std::str
             ::usleep( attemptGapUs );
         if ( attempt( severity, message, zoneName ) )
             return true;
+        // Closed first, lest the destructor tries to send again what the server did not take.
+        if ( myConnectionPtr )
+            myConnectionPtr->close();
         myConnectionPtr.reset();
     }
     return false;
