@@ -143,12 +143,17 @@ AbstractSocketStreamBuf::int_type AbstractSocketStreamBuf::overflow( int_type c 
     return traits_type::not_eof( c );
 }
 
-/// Writes the greatest multiple of the buffer's size. @return number of bytes taken, -1 for less
-std::streamsize AbstractSocketStreamBuf::writeDirectly( const char* ptr, std::streamsize count )
+/// Writes the greatest multiple of the buffer's size.
+/// @param donePtr raised by what was taken
+/// @return whether that was all
+bool AbstractSocketStreamBuf::writeDirectly( const char* ptr, std::streamsize count,
+                                             std::streamsize* donePtr )
 {
     const std::streamsize size = epptr() - pbase();
     const std::streamsize wanted = std::min( count, maxDirectSize ) / size * size;
-    return write( ptr, static_cast< int >( wanted ) );
+    const int taken = write( ptr, static_cast< int >( wanted ) );
+    *donePtr += std::max( taken, 0 );
+    return taken == wanted;
 }
 
 std::streamsize AbstractSocketStreamBuf::xsputn( const char* ptr, std::streamsize count )
@@ -158,10 +163,7 @@ std::streamsize AbstractSocketStreamBuf::xsputn( const char* ptr, std::streamsiz
     while ( done < count ) {
         const std::streamsize left = count - done;
         if ( pptr() == pbase() && left >= size ) {
-            const std::streamsize taken =
-                std::max< std::streamsize >( writeDirectly( ptr + done, left ), 0 );
-            done += taken;
-            if ( taken == 0 || taken % size != 0 )
+            if ( !writeDirectly( ptr + done, left, &done ) )
                 return done;
             continue;
         }

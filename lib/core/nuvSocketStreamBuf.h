@@ -58,7 +58,7 @@ private:
     int inputSize() const;
     std::ptrdiff_t keepPutBack( const char* endPtr, std::ptrdiff_t count );
     int readCounted( char* ptr, std::streamsize count );
-    std::streamsize writeDirectly( const char* ptr, std::streamsize count );
+    bool writeDirectly( const char* ptr, std::streamsize count, std::streamsize* donePtr );
 
     Utils::Buffer myOutputBuffer;
     Utils::Buffer myInputBuffer; // the first bytes are the put-back area

@@ -336,6 +336,24 @@ TEST_F( HttpRequests, TakeOneSendAndOneReceiveWhenSmall )
     }
 }
 
+TEST_F( HttpRequests, StreamBuffersStopAtAShortWrite )
+{
+    struct Slow : AbstractSocketStreamBuf
+    {
+        Slow()
+            : AbstractSocketStreamBuf( 10, 10 )
+        {
+        }
+        int read( char*, int ) override { return 0; }
+        int write( const char*, int count ) override { return std::min( count, 10 ); }
+        void readIdleTimeoutInSecondsImpl( unsigned int ) override {}
+    } slow;
+    const std::string text( 35, 'x' );
+    EXPECT_EQ( 15, slow.sputn( text.data(), 15 ) ) << "ten directly, five kept";
+    EXPECT_EQ( 0, slow.pubsync() );
+    EXPECT_EQ( 10, slow.sputn( text.data(), 35 ) );
+}
+
 TEST_F( HttpRequests, StreamBuffersKeepLimitsAndPutBack )
 {
     ScriptedServer server( { []( const Peer& peer ) {
