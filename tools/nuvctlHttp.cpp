@@ -171,14 +171,6 @@ private:
     std::chrono::steady_clock::time_point myShown;
 };
 
-/// Whether the server may have more to give: the connection failed, or ended within the content or,
-/// once there is some, before the next answer.
-bool isBrokenOff( const Net::Http::Exception& e, const HttpGetRequest& request )
-{
-    return e.reason() == Net::Http::Exception::connectionFailed || e.errorNbr() == 325 ||
-           e.errorNbr() == 431 || ( e.errorNbr() == 212 && request.receivedResponseSize() != 0 );
-}
-
 /// One GET, gone on with on new connections as often as it is broken off, if that is wished.
 void fetch( const GetOptions& options, const Target& target, Connection* connectionPtr,
             HttpGetRequest* requestPtr, std::ostream* outputPtr )
@@ -194,7 +186,7 @@ void fetch( const GetOptions& options, const Target& target, Connection* connect
             }
             return;
         } catch ( const Net::Http::Exception& e ) {
-            if ( !options.myResumes || !isBrokenOff( e, *requestPtr ) ||
+            if ( !options.myResumes || !requestPtr->isBrokenOff( e ) ||
                  nbrOfFailures == maxNbrOfResumptions || ( outputPtr != nullptr && !*outputPtr ) )
                 throw;
             ++nbrOfFailures;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sys/socket.h>
 
 namespace Sensor {
@@ -21,22 +22,19 @@ namespace {
 constexpr int bufferSize = 16 * 1024;
 constexpr unsigned int retryMs = 1000;
 constexpr int maxNbrOfFailures = 30; // in a row, none of which brought a byte
-constexpr int contentCutShort = 325;
+// The server ended the connection: before its answer, within content, within a chunk.
+constexpr int endsOfConnection[] = { 212, 325, 431 };
 
 std::string failureText( const Net::Http::Exception& exception )
 {
-    if ( exception.errorNbr() == contentCutShort )
+    if ( exception.reason() == Net::Http::Exception::receiveFailed &&
+         std::count( std::begin( endsOfConnection ), std::end( endsOfConnection ),
+                     exception.errorNbr() ) != 0 )
         return "the server closed the connection";
     if ( exception.reason() != Net::Http::Exception::connectionFailed )
         return exception.what();
     return exception.errorNbr() == 0 ? "nothing came in time"
                                      : std::strerror( exception.errorNbr() );
-}
-
-bool isBrokenOff( const Net::Http::Exception& exception )
-{
-    return exception.reason() == Net::Http::Exception::connectionFailed ||
-           exception.errorNbr() == contentCutShort;
 }
 
 std::string pathnameOf( const char* namePtr )
@@ -222,7 +220,7 @@ void Rules::transfer( Net::HttpGetRequest* requestPtr, Connection* connectionPtr
             return;
         } catch ( const Net::Http::Exception& exception ) {
             const unsigned int received = requestPtr->receivedResponseSize();
-            if ( isInterrupted() || !isBrokenOff( exception ) || !*outputPtr ||
+            if ( isInterrupted() || !requestPtr->isBrokenOff( exception ) || !*outputPtr ||
                  nbrOfFailures >= maxNbrOfFailures )
                 throw;
             if ( received != nbrOfBytes || nbrOfFailures == 0 ) {

@@ -101,8 +101,9 @@ void CookieInfo::parseExpiration( const std::string& text )
         return;
     nuvLogTo( getStandardSource( debug ) ) << "Cookie time string: " << text;
     std::tm t{};
-    if ( Http::HttpParserHelper::parseTime( &t, text.c_str() ) )
-        Http::convertGregorianTime( &myExpiration, &t );
+    if ( Http::HttpParserHelper::parseTime( &t, text.c_str() ) &&
+         !Http::convertGregorianTime( &myExpiration, &t ) )
+        myExpiration = ourUnspecifiedExpirationTime;
 }
 
 void CookieInfo::dumpDebugInfo() const

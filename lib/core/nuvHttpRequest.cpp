@@ -547,6 +547,13 @@ HttpResponse* HttpGetRequest::resume( ConnectionStream* connectionPtr, std::ostr
     return issue( myLastUri.cStr(), outputPtr );
 }
 
+bool HttpGetRequest::isBrokenOff( const Http::Exception& exception ) const
+{
+    return exception.reason() == Http::Exception::connectionFailed || exception.errorNbr() == 325 ||
+           exception.errorNbr() == 431 ||
+           ( exception.errorNbr() == 212 && receivedResponseSize() != 0 );
+}
+
 // ----------------------------------------------------------------------------- HttpPostRequest
 
 HttpResponse* HttpPostRequest::issue( const char* uriPtr, const Utils::Buffer& body )

@@ -189,6 +189,10 @@ public:
     /// @param connectionPtr a new one
     /// @param outputPtr as issue() got it
     HttpResponse* resume( ConnectionStream* connectionPtr, std::ostream* outputPtr );
+    /// @param exception what issue() or resume() threw
+    /// @return whether resume() may bring the rest: the connection failed, or the server ended it
+    ///         within the content (325, 431) or, once there is some, before its answer (212)
+    bool isBrokenOff( const Http::Exception& exception ) const;
 
 private:
     bool myIssueInProgress = false;

@@ -55,6 +55,8 @@ TEST_F( HttpCookies, AreReadByTheirDelimiters )
         { "a=b;expires=Wed, 09 Jun 2021 10:18:14 GMT          ;", "a|b|/||1623233894" }, // 39
         { "a=b;expires=Wed, 09 Jun 2021 10:18:14 GMT           ;", "a|b|/||0" },         // 40
         { "a=b;expires=Wed, 39 Jun 2021 10:18:14 GMT;", "a|b|/||0" },
+        { "a=b;expires=Wed, 09 Jun 2021 10:18:14 GMT;expires=Wed, 39 Jun 2021 10:18:14 GMT;",
+          "a|b|/||0" },
     };
     for ( const auto& [text, fields] : cases ) {
         const CookieInfo cookie( "host", text );
